@@ -1,4 +1,5 @@
 #include "model/SyncJob.h"
+#include "support/LocalZone.h"
 #include "support/MarkingTranslator.h"
 #include "support/TestSettings.h"
 
@@ -120,8 +121,19 @@ QByteArray oneJobFile(const QString &lines)
     return file;
 }
 
+/**
+ * Loads what the file says. Its time moves on first: QSettings remembers what this process has put
+ * into a file, and would give the very same values back instead of reading what became of them.
+ */
 AppSettings loaded()
 {
+    QFile file(
+        QSettings(QSettings::IniFormat, QSettings::UserScope, u"Orrinvale"_s, u"Kelpwharf"_s).fileName());
+    if (file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly)) {
+        const QDateTime later = file.fileTime(QFileDevice::FileModificationTime).addSecs(1);
+        file.setFileTime(later, QFileDevice::FileModificationTime);
+        file.close();
+    }
     AppSettings settings;
     settings.load();
     return settings;
@@ -1015,12 +1027,15 @@ void tst_AppSettings::timesSurviveTheFile_data()
     QTest::newRow("some other zone's")
         << QDateTime(QDate(2024, 7, 1), QTime(12, 34), QTimeZone("Australia/Lord_Howe"));
     QTest::newRow("by an offset") << utc("2024-07-01T12:34:56").toOffsetFromUtc(-12600);
+    QTest::newRow("first time round in autumn") << utc("2026-10-25T00:30:00");
+    QTest::newRow("second time round in autumn") << utc("2026-10-25T01:30:00");
     QTest::newRow("before the epoch") << utc("1961-02-03T04:05:06.007");
     QTest::newRow("beyond 2038") << utc("2099-12-31T23:59:59.999");
 }
 
 void tst_AppSettings::timesSurviveTheFile()
 {
+    const LocalZone withSummerTime("Europe/Berlin");
     QFETCH(QDateTime, when);
     AppSettings settings;
     settings.lastUpdateCheck = when;
@@ -1028,7 +1043,9 @@ void tst_AppSettings::timesSurviveTheFile()
     settings.jobs[0].name = u"alpha"_s;
     settings.jobs[0].lastRun = when;
     settings.save();
-    QCOMPARE(describe(loaded()), describe(settings));
+    const QStringList saved = describe(settings);
+    const LocalZone onTheMove("America/New_York");
+    QCOMPARE(describe(loaded()), saved);
 }
 
 void tst_AppSettings::excludesSurviveTheFile_data()
@@ -1118,6 +1135,8 @@ void tst_AppSettings::timeOutsAreSecondsInTheFile_data()
     // From here on only the file could say so.
     QTest::newRow("a second too large") << -1 << QByteArray("2147484") << kMaxInt;
     QTest::newRow("largest number") << -1 << QByteArray("2147483647") << kMaxInt;
+    QTest::newRow("beyond 32 bits") << -1 << QByteArray("4294967326") << kMaxInt;
+    QTest::newRow("beyond all bits") << -1 << QByteArray("9223372036854775807") << kMaxInt;
     QTest::newRow("milliseconds by mistake") << -1 << QByteArray("30000000") << kMaxInt;
 }
 
@@ -1298,6 +1317,7 @@ void tst_AppSettings::oddSizesDoNoHarm_data()
     QTest::newRow("no keys at all") << QByteArray("size=3\n") << 3 << 3;
     QTest::newRow("a hole in the middle") << two + "5\\name=epsilon\nsize=5\n" << 5 << 5;
     QTest::newRow("a million") << two + "size=1000000\n" << 2 << sane;
+    QTest::newRow("a last job far up") << two + "3000\\name=omega\nsize=3000\n" << 3 << 3000;
     QTest::newRow("two milliards") << two + "size=2000000000\n" << 2 << sane;
     QTest::newRow("largest") << two + "size=2147483647\n" << 2 << sane;
     QTest::newRow("largest, no keys at all") << QByteArray("size=2147483647\n") << 0 << sane;
@@ -1326,6 +1346,8 @@ void tst_AppSettings::oddSizesDoNoHarm()
         QCOMPARE(settings.jobs.at(1).name, u"Job 2"_s);
         QCOMPARE(settings.jobs.at(1).config.host, u"beta"_s);
     }
+    if (jobs.contains("omega"))
+        QCOMPARE(settings.jobs.constLast().name, u"omega"_s);
     if (settings.jobs.size() >= 3) {
         QCOMPARE(describe(settings.jobs.at(2)), with(describe(SyncJob()), {u"name: Job 3"_s}));
     }

@@ -1,8 +1,7 @@
 #include "ftp/FtpClient.h"
+#include "support/LocalZone.h"
 
 #include <QTest>
-
-#include <ctime>
 
 using namespace Qt::StringLiterals;
 
@@ -28,16 +27,6 @@ QStringList describe(const QList<FtpEntry> &entries)
     for (const FtpEntry &entry : entries)
         texts += describe(entry);
     return texts;
-}
-
-void useZone(const QByteArray &zone)
-{
-    qputenv("TZ", zone);
-#ifdef Q_OS_WIN
-    ::_tzset();
-#else
-    ::tzset();
-#endif
 }
 
 } // namespace
@@ -422,12 +411,10 @@ void TestFtpParsers::timevalsAreUtcInEveryZone()
     QFETCH(const int, winterOffset);
     QFETCH(const QString, text);
     QFETCH(const QString, time);
-    const QByteArray formerZone = qgetenv("TZ");
-    useZone(zone);
+    const LocalZone inForce(zone);
     const int offset = QDateTime(QDate(2021, 1, 15), QTime(12, 0)).offsetFromUtc();
     const QDateTime parsed = FtpClient::parseTimeval(text);
     const QList<FtpEntry> entries = FtpClient::parseMlsd("modify=" + text.toLatin1() + "; a");
-    useZone(formerZone);
 
     QCOMPARE(offset, winterOffset); // or the zone was not in force, and nothing has been tested
     QVERIFY(parsed.isValid());

@@ -278,21 +278,19 @@ void TestFtpSession::anInvalidHostIsNamedLiterally()
 
 void TestFtpSession::noProxyIsAsked()
 {
+#ifdef Q_OS_WIN
+    QSKIP("There is no other way to name this host here, and 127.0.0.1 is never looked for at a proxy.");
+#endif
     QTcpServer nobody;
-    nobody.setProxy(QNetworkProxy::NoProxy);
     QVERIFY(nobody.listen(QHostAddress::LocalHost));
     const quint16 deadPort = nobody.serverPort();
     nobody.close();
-    FtpScript script;
-    script.login().expect("CWD /").reply(250).expect("TYPE I").reply(200).enterPassive();
-    script.expect("MLSD").reply(150).dataClose().reply(226);
-    FtpScriptServer server(script);
+    FtpScriptServer server(FtpScript().login());
     TestClient client;
     QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::Socks5Proxy, u"127.0.0.1"_s, deadPort));
     const auto restore = qScopeGuard([] { QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy); });
-    QVERIFY2(client.login(server), qPrintable(client.lastError()));
-    QList<FtpEntry> entries;
-    QVERIFY2(client.list(u"/"_s, &entries), qPrintable(client.lastError()));
+    QVERIFY2(client.connectAndLogin(u"0.0.0.0"_s, server.port(), u"kim"_s, u"secret"_s),
+             qPrintable(client.lastError()));
     QCOMPARE(server.finish(), QString());
 }
 

@@ -143,7 +143,7 @@ void tst_Kill::killedRunsDamageNothingAndAreRepaired()
     const QTemporaryDir local;
     const MirrorConfig config = server.job(local.path());
     const quint32 seed = qEnvironmentVariableIsSet("KELPWHARF_SEED")
-                             ? static_cast<quint32>(qEnvironmentVariableIntValue("KELPWHARF_SEED"))
+                             ? qEnvironmentVariable("KELPWHARF_SEED").toUInt()
                              : QRandomGenerator::global()->generate();
     qInfo("KELPWHARF_SEED=%u", seed);
     QRandomGenerator random(seed);

@@ -64,7 +64,9 @@ QString described(const QAction *entry)
 /** Runs the event loop until the program ends it; -1 if it does not. */
 int runToTheEnd()
 {
-    QTimer::singleShot(kPatienceMs, qApp, [] { QCoreApplication::exit(-1); });
+    QTimer patience;
+    QObject::connect(&patience, &QTimer::timeout, &patience, [] { QCoreApplication::exit(-1); });
+    patience.start(kPatienceMs);
     return QCoreApplication::exec();
 }
 

@@ -1,6 +1,7 @@
 #include "mirror/MirrorWorker.h"
 #include "support/FtpTreeServer.h"
 #include "support/LocalFolder.h"
+#include "support/LocalZone.h"
 #include "support/RecordedWorker.h"
 
 #include <QDir>
@@ -9,7 +10,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <ctime>
 #include <filesystem>
 
 #ifdef Q_OS_LINUX
@@ -33,16 +33,6 @@ QStringList decisions(const RecordedWorker &recorded)
             lines += event.sliced(4);
     }
     return lines;
-}
-
-void useZone(const QByteArray &zone)
-{
-    qputenv("TZ", zone);
-#ifdef Q_OS_WIN
-    ::_tzset();
-#else
-    ::tzset();
-#endif
 }
 
 } // namespace
@@ -577,9 +567,7 @@ void TestMirroring::timesOfTheHourThatAClockChangeSkips()
 {
     QFETCH(const QByteArray, zone);
     QFETCH(const QByteArray, time);
-    const QByteArray usual = qgetenv("TZ");
-    const auto restore = qScopeGuard([usual] { useZone(usual); });
-    useZone(zone);
+    const LocalZone inForce(zone);
     for (const auto form : {FtpTreeOptions::Mlsd, FtpTreeOptions::Unix}) {
         LocalFolder local;
         RecordedWorker recorded(local.path());

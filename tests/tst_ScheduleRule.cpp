@@ -1,4 +1,5 @@
 #include "model/SyncJob.h"
+#include "support/LocalZone.h"
 #include "support/MarkingTranslator.h"
 
 #include <QCoreApplication>
@@ -8,7 +9,6 @@
 #include <QTimeZone>
 
 #include <algorithm>
-#include <ctime>
 #include <vector>
 
 using namespace Qt::StringLiterals;
@@ -47,26 +47,6 @@ QString utcText(const QDateTime &when)
 {
     return when.isValid() ? when.toUTC().toString(u"yyyy-MM-ddTHH:mm:ss.zzz"_s) : u"invalid"_s;
 }
-
-/** Makes this zone the process's local time as long as it lives. */
-class LocalZone
-{
-public:
-    explicit LocalZone(const QByteArray &zone) : before(qgetenv("TZ")) { enter(zone); }
-    ~LocalZone() { enter(before); }
-    Q_DISABLE_COPY_MOVE(LocalZone)
-
-private:
-    static void enter(const QByteArray &zone)
-    {
-        qputenv("TZ", zone);
-#ifdef Q_OS_UNIX
-        tzset();
-#endif
-    }
-
-    QByteArray before;
-};
 
 /** A clock change by its plain figures, so that no zone arithmetic of Qt's is needed to judge a result. */
 struct ClockChange

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcessEnvironment>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSet>
 #include <QTcpServer>
@@ -99,12 +100,34 @@ QString certificatePath()
 
 QString unpacked(const QString &path) { return QStringLiteral(KELPWHARF_SERVERS_DIR "/") + path; }
 
+/**
+ * A free port that the system gives to nobody who leaves the choice to it. All other servers of the
+ * tests do so, and whoever came first would hear what is meant for the other one.
+ */
 quint16 freePort()
 {
-    QTcpServer probe;
-    if (!probe.listen(QHostAddress::LocalHost))
-        qFatal("no free port: %s", qPrintable(probe.errorString()));
-    return probe.serverPort();
+    for (;;) {
+        QTcpServer probe;
+        if (probe.listen(QHostAddress::LocalHost,
+                         static_cast<quint16>(QRandomGenerator::global()->bounded(20000, 32000))))
+            return probe.serverPort();
+    }
+}
+
+/** What a server has logged or printed when the port is its own and it greets whoever comes. */
+QByteArray signOfLife(RealServer::Kind kind)
+{
+    switch (kind) {
+    case RealServer::Vsftpd:
+        return "CONNECT: ";
+    case RealServer::Proftpd:
+        return "STARTUP";
+    case RealServer::PureFtpd:
+        return "New connection";
+    case RealServer::Pyftpdlib:
+        return "port ";
+    }
+    return {};
 }
 
 } // namespace
@@ -220,8 +243,8 @@ bool RealServer::awaitGreeting()
         probe.abort();
         probe.connectToHost(QHostAddress(QHostAddress::LocalHost), port());
         const bool answered = probe.waitForConnected(kStartMs) && probe.waitForReadyRead(kStartMs);
-        if (answered && probe.readAll().startsWith("220"))
-            return process.state() == QProcess::Running;
+        if (answered && log().contains(signOfLife(kind)))
+            return true;
         process.waitForFinished(kProbeMs);
     }
     return false;

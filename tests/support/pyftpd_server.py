@@ -24,7 +24,7 @@ def parse_arguments():
 
 def logging_handler(base, log):
     class LoggingHandler(base):
-        auth_failed_timeout = 0
+        auth_failed_timeout = 0  # seconds; there is nobody to slow down
 
         def pre_process_command(self, line, cmd, arg):
             print("PASS ********" if cmd == "PASS" else line, file=log)
