@@ -1045,7 +1045,11 @@ void tst_AppSettings::timesSurviveTheFile()
     settings.save();
     const QStringList saved = describe(settings);
     const LocalZone onTheMove("America/New_York");
-    QCOMPARE(describe(loaded()), saved);
+    const AppSettings back = loaded();
+    QCOMPARE(describe(back), saved);
+    // Both are shown to the user, so they are told by his clock.
+    QCOMPARE(back.lastUpdateCheck.timeSpec(), Qt::LocalTime);
+    QCOMPARE(back.jobs.constFirst().lastRun.timeSpec(), Qt::LocalTime);
 }
 
 void tst_AppSettings::excludesSurviveTheFile_data()
@@ -1318,6 +1322,7 @@ void tst_AppSettings::oddSizesDoNoHarm_data()
     QTest::newRow("a hole in the middle") << two + "5\\name=epsilon\nsize=5\n" << 5 << 5;
     QTest::newRow("a million") << two + "size=1000000\n" << 2 << sane;
     QTest::newRow("a last job far up") << two + "3000\\name=omega\nsize=3000\n" << 3 << 3000;
+    QTest::newRow("a job beyond a large size") << two + "3000\\name=beyond\nsize=2000\n" << 2 << 2000;
     QTest::newRow("two milliards") << two + "size=2000000000\n" << 2 << sane;
     QTest::newRow("largest") << two + "size=2147483647\n" << 2 << sane;
     QTest::newRow("largest, no keys at all") << QByteArray("size=2147483647\n") << 0 << sane;
@@ -1346,6 +1351,8 @@ void tst_AppSettings::oddSizesDoNoHarm()
         QCOMPARE(settings.jobs.at(1).name, u"Job 2"_s);
         QCOMPARE(settings.jobs.at(1).config.host, u"beta"_s);
     }
+    for (const SyncJob &job : settings.jobs)
+        QVERIFY(job.name != u"beyond"_s);
     if (jobs.contains("omega"))
         QCOMPARE(settings.jobs.constLast().name, u"omega"_s);
     if (settings.jobs.size() >= 3) {

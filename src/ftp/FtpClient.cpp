@@ -89,8 +89,11 @@ QString workingName(const QString &localPath)
     const QString suffix = u".part"_s;
     const QFileInfo target(localPath);
     QString name = target.fileName();
-    while (QFile::encodeName(name).size() + suffix.size() > kLongestName)
-        name.chop(name.back().isLowSurrogate() ? 2 : 1);
+    const auto isTooLong = [&] { return QFile::encodeName(name).size() + suffix.size() > kLongestName; };
+    if (isTooLong())
+        name.truncate(kLongestName); // at once: a server may send a name of any length
+    while (isTooLong() || name.back().isHighSurrogate())
+        name.chop(1);
     return localPath.chopped(target.fileName().size() - name.size()) + suffix;
 }
 
@@ -508,8 +511,11 @@ bool FtpClient::download(const QString &remotePath, const QString &localPath, qi
         return false;
     QDir().mkpath(QFileInfo(localPath).path());
     QFile part(workingName(localPath));
-    if (QFileInfo(part).isSymLink())
-        QFile::remove(part.fileName()); // opened, it would lead the download to wherever it points
+    // Opened, a link would lead the download to wherever it points.
+    if (QFileInfo(part).isSymLink() && !part.remove()) {
+        failToWrite(part);
+        return false;
+    }
     // Without a buffer a full disk shows at the write that it refuses, with the system's own reason.
     if (!part.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
         failToWrite(part);
