@@ -140,6 +140,7 @@ private slots:
     void namesAreTakenAsTheyAre();
     void longNamesGetAShorterWorkingName_data();
     void longNamesGetAShorterWorkingName();
+    void aNameOfAnyLengthIsRefusedLikeOthers();
     void foldersAreMade();
     void downloadsFail_data();
     void downloadsFail();
@@ -426,6 +427,20 @@ void TestFtpDownload::longNamesGetAShorterWorkingName()
         QCOMPARE(server.finish(), QString());
     }
     QCOMPARE(contents(path), kNew);
+}
+
+void TestFtpDownload::aNameOfAnyLengthIsRefusedLikeOthers()
+{
+    const QString name(200000, u'n'); // cut letter by letter, it would outlast the whole run
+    const QString remote = u"/r/x"_s;
+    FtpScriptServer server(sent(kNew, remote));
+    TestClient client;
+    QVERIFY(client.login(server));
+    const QString path = folder() + u'/' + name;
+    QVERIFY(!client.download(remote, path, kNew.size(), QDateTime()));
+    QVERIFY(client.lastError().startsWith(u"Cannot rename '"_s));
+    QCOMPARE(namesIn(folder()), QStringList(kLocalName));
+    QCOMPARE(server.finish(), QString());
 }
 
 void TestFtpDownload::foldersAreMade()
