@@ -13,11 +13,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <memory>
 
 #ifdef Q_OS_UNIX
 #include <csignal>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #endif
 #ifdef Q_OS_LINUX
@@ -140,7 +142,8 @@ private slots:
     void namesAreTakenAsTheyAre();
     void longNamesGetAShorterWorkingName_data();
     void longNamesGetAShorterWorkingName();
-    void aNameOfAnyLengthIsRefusedLikeOthers();
+    void aNameThatIsTooLongIsNotFetched_data();
+    void aNameThatIsTooLongIsNotFetched();
     void foldersAreMade();
     void downloadsFail_data();
     void downloadsFail();
@@ -152,6 +155,9 @@ private slots:
     void aStaleWorkingFileIsOverwritten();
     void aWorkingFileThatIsALinkIsNotFollowed_data();
     void aWorkingFileThatIsALinkIsNotFollowed();
+    void aWorkingFileOfAnotherKindIsReplaced_data();
+    void aWorkingFileOfAnotherKindIsReplaced();
+    void aNameThatCannotBeWrittenDownIsRefused();
     void aTargetThatIsALinkIsNotFollowed_data();
     void aTargetThatIsALinkIsNotFollowed();
     void aFolderIsNotReplaced_data();
@@ -165,6 +171,7 @@ private slots:
     void protectedDownloadsLoseNoTime();
     void protectedDataFails_data();
     void protectedDataFails();
+    void aBrokenRecordIsNoEnd();
 
 private:
     QString folder() const { return home->filePath(u"local"_s); }
@@ -429,16 +436,23 @@ void TestFtpDownload::longNamesGetAShorterWorkingName()
     QCOMPARE(contents(path), kNew);
 }
 
-void TestFtpDownload::aNameOfAnyLengthIsRefusedLikeOthers()
+void TestFtpDownload::aNameThatIsTooLongIsNotFetched_data()
 {
-    const QString name(200000, u'n'); // cut letter by letter, it would outlast the whole run
-    const QString remote = u"/r/x"_s;
-    FtpScriptServer server(sent(kNew, remote));
+    QTest::addColumn<int>("length");
+    QTest::newRow("by a letter") << 256;
+    QTest::newRow("200,000 letters") << 200000;
+}
+
+void TestFtpDownload::aNameThatIsTooLongIsNotFetched()
+{
+    QFETCH(const int, length);
+    const QString name(length, u'n');       // cut letter by letter, it would outlast the whole run
+    FtpScriptServer server(inBinaryMode()); // which is not asked for the file
     TestClient client;
     QVERIFY(client.login(server));
     const QString path = folder() + u'/' + name;
-    QVERIFY(!client.download(remote, path, kNew.size(), QDateTime()));
-    QVERIFY(client.lastError().startsWith(u"Cannot rename '"_s));
+    QVERIFY(!client.download(u"/r/x"_s, path, kNew.size(), QDateTime()));
+    QVERIFY2(client.hasFailedOnceWith(cannotWrite(path + u".part"_s)), qPrintable(client.lastError()));
     QCOMPARE(namesIn(folder()), QStringList(kLocalName));
     QCOMPARE(server.finish(), QString());
 }
@@ -632,6 +646,7 @@ void TestFtpDownload::workingFilesThatCannotBeOpened_data()
     QTest::newRow("file in place of the folder") << kLocalName + u"/a.bin"_s << false;
     QTest::newRow("file in place of a folder above") << kLocalName + u"/a/b/c.bin"_s << false;
     QTest::newRow("folder in place of the working file") << kLocalName << true;
+    QTest::newRow("path without a name") << kLocalName + u'/' << false;
 }
 
 void TestFtpDownload::workingFilesThatCannotBeOpened()
@@ -694,6 +709,43 @@ void TestFtpDownload::aWorkingFileThatIsALinkIsNotFollowed()
     QCOMPARE(namesIn(folder()), QStringList(kLocalName));
     QCOMPARE(namesIn(home->path()), QStringList({u"canary"_s, u"local"_s}));
     QCOMPARE(server.finish(), QString());
+}
+
+void TestFtpDownload::aWorkingFileOfAnotherKindIsReplaced_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::newRow("hard link") << u"hard link"_s;
+    QTest::newRow("pipe") << u"pipe"_s; // to open it would wait for somebody who reads
+}
+
+void TestFtpDownload::aWorkingFileOfAnotherKindIsReplaced()
+{
+    QFETCH(const QString, kind);
+    const QByteArray path = QFile::encodeName(workingName());
+    if (kind == u"pipe")
+        QCOMPARE(::mkfifo(path.constData(), 0600), 0);
+    else
+        std::filesystem::create_hard_link(canary().toStdString(), path.toStdString());
+    FtpScriptServer server(sent(kNew));
+    TestClient client;
+    QVERIFY(client.login(server));
+    QVERIFY(client.download(kRemotePath, target(), kNew.size(), QDateTime()));
+    QCOMPARE(contents(target()), kNew);
+    QCOMPARE(namesIn(folder()), QStringList(kLocalName));
+    QCOMPARE(server.finish(), QString());
+}
+
+void TestFtpDownload::aNameThatCannotBeWrittenDownIsRefused()
+{
+    const QString path = folder() + u'/' + QChar(0xD800); // half of a pair
+    FtpScriptServer server(sent(kNew));
+    TestClient client;
+    QVERIFY(client.login(server));
+    const bool arrived = client.download(kRemotePath, path, kNew.size(), QDateTime());
+    QCOMPARE(namesIn(folder()).size(), arrived ? 2 : 1); // whatever the file system makes of it
+    QCOMPARE(contents(target()), kOld);
+    client.close();
+    server.finish();
 }
 
 void TestFtpDownload::aTargetThatIsALinkIsNotFollowed_data()
@@ -906,6 +958,27 @@ void TestFtpDownload::protectedDataFails()
     QVERIFY(!client.download(kRemotePath, target(), kNew.size(), QDateTime()));
     QVERIFY2(client.hasFailedOnceWith(u"Data channel TLS handshake failed: "_s),
              qPrintable(client.lastError()));
+    QCOMPARE(contents(target()), kOld);
+    QCOMPARE(namesIn(folder()), QStringList(kLocalName));
+    client.close();
+    QCOMPARE(server.finish(), QString());
+}
+
+void TestFtpDownload::aBrokenRecordIsNoEnd()
+{
+    FtpScript script;
+    script.secureLogin().expect("TYPE I").reply(200).enterPassive();
+    script.expect("RETR " + kRemotePath.toUtf8())
+        .replyRaw("150 coming\r\n226 done\r\n")
+        .dataTls()
+        .dataSend(kNew)
+        .dataBreakTls();
+    FtpScriptServer server(script);
+    TestClient client;
+    client.setTlsOptions(true, true);
+    QVERIFY(client.login(server));
+    QVERIFY(!client.download(kRemotePath, target(), -1, QDateTime())); // no size would tell
+    QVERIFY2(client.hasFailedOnceWith(u"Data connection failed: "_s), qPrintable(client.lastError()));
     QCOMPARE(contents(target()), kOld);
     QCOMPARE(namesIn(folder()), QStringList(kLocalName));
     client.close();

@@ -69,6 +69,8 @@ private slots:
     void protectedListingsLoseNoTime();
     void protectedDataFails_data();
     void protectedDataFails();
+    void aBrokenRecordIsNoEnd_data();
+    void aBrokenRecordIsNoEnd();
     void anUnknownCertificateOnTheDataConnectionIsRefused();
     void timesAreAskedFor_data();
     void timesAreAskedFor();
@@ -676,6 +678,33 @@ void TestFtpListing::protectedDataFails()
     QVERIFY(entries.isEmpty());
     QVERIFY2(client.hasFailedOnceWith(u"Data channel TLS handshake failed: "_s),
              qPrintable(client.lastError()));
+    QVERIFY(client.isConnected());
+    client.close();
+    QCOMPARE(server.finish(), QString());
+}
+
+void TestFtpListing::aBrokenRecordIsNoEnd_data()
+{
+    QTest::addColumn<QSsl::SslProtocol>("version");
+    QTest::newRow("TLS 1.2") << QSsl::TlsV1_2;
+    QTest::newRow("TLS 1.3") << QSsl::TlsV1_3;
+}
+
+void TestFtpListing::aBrokenRecordIsNoEnd()
+{
+    QFETCH(const QSsl::SslProtocol, version);
+    FtpScript script;
+    script.tlsVersion(version).secureLogin().expect("CWD /").reply(250).expect("TYPE I").reply(200);
+    script.enterPassive().expect("MLSD").replyRaw("150 coming\r\n226 done\r\n");
+    script.dataTls().dataSend(kMlsdLines).dataBreakTls();
+    FtpScriptServer server(script);
+    TestClient client;
+    client.setTlsOptions(true, true);
+    QVERIFY(client.login(server));
+    QList<FtpEntry> entries(3);
+    QVERIFY(!client.list(u"/"_s, &entries)); // pruned by half a listing, a folder would lose its files
+    QVERIFY(entries.isEmpty());
+    QVERIFY2(client.hasFailedOnceWith(u"Data connection failed: "_s), qPrintable(client.lastError()));
     QVERIFY(client.isConnected());
     client.close();
     QCOMPARE(server.finish(), QString());

@@ -81,20 +81,41 @@ bool parseMlsdLine(QStringView line, FtpEntry *entry)
 QString replyValue(const QString &reply) { return reply.mid(4).trimmed(); }
 
 /**
- * The working file of a download: the target's name and ".part". A name too long to bear the
+ * The working file of a download: the target's name and ".part". A name with no room left for the
  * suffix is cut for it, so that no file is out of reach for its name alone.
  */
 QString workingName(const QString &localPath)
 {
     const QString suffix = u".part"_s;
-    const QFileInfo target(localPath);
-    QString name = target.fileName();
-    const auto isTooLong = [&] { return QFile::encodeName(name).size() + suffix.size() > kLongestName; };
-    if (isTooLong())
-        name.truncate(kLongestName); // at once: a server may send a name of any length
-    while (isTooLong() || name.back().isHighSurrogate())
-        name.chop(1);
-    return localPath.chopped(target.fileName().size() - name.size()) + suffix;
+    const auto bytesOf = [](const QString &name) { return QFile::encodeName(name).size(); };
+    const QString fileName = QFileInfo(localPath).fileName();
+    QString name = fileName;
+    if (bytesOf(name) <= kLongestName) { // a longer one is no name, and opening it says so
+        while (bytesOf(name) + suffix.size() > kLongestName)
+            name.chop(name.back().isLowSurrogate() ? 2 : 1);
+    }
+    return localPath.chopped(fileName.size() - name.size()) + suffix;
+}
+
+/** A path for the standard library; no text that a path may hold makes it throw. */
+std::filesystem::path nativePath(const QString &path)
+{
+#ifdef Q_OS_WIN
+    // Only in this form does the system take a path of more than 260 characters.
+    const QString native = QDir::toNativeSeparators(QFileInfo(path).absoluteFilePath());
+    return (native.startsWith(u"\\\\") ? u"\\\\?\\UNC"_s + native.mid(1) : u"\\\\?\\"_s + native)
+        .toStdWString();
+#else
+    return QFile::encodeName(path).toStdString();
+#endif
+}
+
+/** Opened, a link or a pipe of the working file's name would take the download elsewhere. */
+bool clearTheWay(QFile *part)
+{
+    const QFileInfo leftover(*part);
+    const bool isFolder = leftover.isDir() && !leftover.isSymLink();
+    return isFolder || !(leftover.exists() || leftover.isSymLink()) || part->remove();
 }
 
 /** A disk that fills up takes what it can still hold at first; only asked for the rest it says why. */
@@ -368,6 +389,14 @@ std::unique_ptr<QSslSocket> FtpClient::openDataConnection()
     // send us on to a third host.
     const QHostAddress address = socket->peerAddress();
     std::unique_ptr<QSslSocket> data = createSocket();
+    // Behind any fault the server's close still follows, and it must not pass for the end of the data.
+    dataFault.clear();
+    connect(data.get(), &QSslSocket::errorOccurred, this,
+            [this, raw = data.get()](QAbstractSocket::SocketError error) {
+                if (error != QAbstractSocket::RemoteHostClosedError &&
+                    error != QAbstractSocket::SocketTimeoutError)
+                    dataFault = raw->errorString();
+            });
     data->connectToHost(address.toString(), port);
     if (!data->waitForConnected(timeoutMs)) {
         fail(tr("Cannot open the data connection to %1:%2 (%3)")
@@ -428,9 +457,11 @@ bool FtpClient::awaitData(QSslSocket *data, const QString &timeoutText)
         fail(tr("Cancelled"));
         return false;
     }
-    if (data->bytesAvailable() > 0 || hasEnded(data) || data->waitForReadyRead(timeoutMs) || hasEnded(data))
+    const bool isAnswered =
+        data->bytesAvailable() > 0 || hasEnded(data) || data->waitForReadyRead(timeoutMs) || hasEnded(data);
+    if (isAnswered && dataFault.isEmpty())
         return true;
-    fail(timeoutText);
+    fail(dataFault.isEmpty() ? timeoutText : tr("Data connection failed: %1").arg(dataFault));
     return false;
 }
 
@@ -511,13 +542,9 @@ bool FtpClient::download(const QString &remotePath, const QString &localPath, qi
         return false;
     QDir().mkpath(QFileInfo(localPath).path());
     QFile part(workingName(localPath));
-    // Opened, a link would lead the download to wherever it points.
-    if (QFileInfo(part).isSymLink() && !part.remove()) {
-        failToWrite(part);
-        return false;
-    }
     // Without a buffer a full disk shows at the write that it refuses, with the system's own reason.
-    if (!part.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
+    if (!clearTheWay(&part) ||
+        !part.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
         failToWrite(part);
         return false;
     }
@@ -598,16 +625,13 @@ bool FtpClient::finishPart(QFile *part)
 
 bool FtpClient::replaceLocalFile(const QString &partPath, const QString &localPath)
 {
-    const QFileInfo target(localPath);
-    // A dangling link does not exist, but it is in the way all the same.
-    if ((target.exists() || target.isSymLink()) && !QFile::remove(localPath)) {
+    if (QFileInfo::exists(localPath) && !QFile::remove(localPath)) {
         fail(tr("Cannot replace '%1'").arg(localPath));
         return false;
     }
     // QFile::rename falls back to copying, and a copy can end half-way under the final name.
     std::error_code error;
-    std::filesystem::rename(QFile(partPath).filesystemFileName(), QFile(localPath).filesystemFileName(),
-                            error);
+    std::filesystem::rename(nativePath(partPath), nativePath(localPath), error);
     if (error) {
         fail(tr("Cannot rename '%1' to '%2'").arg(partPath, localPath));
         return false;

@@ -44,7 +44,7 @@ public:
     /** Not owned, may be null; must outlive every operation. */
     void setCancelFlag(const std::atomic<bool> *flag) { cancelFlag = flag; }
 
-    /** Milliseconds for a single wait, not for a whole operation. */
+    /** Milliseconds for a single wait, not for a whole operation; below 0 counts as 0. */
     void setTimeoutMs(int milliseconds) { timeoutMs = milliseconds < 0 ? 0 : milliseconds; }
 
     /** Whether to ask for TLS (RFC 4217), and whether to take every certificate then. */
@@ -156,5 +156,6 @@ private:
     bool binaryModeSet = false; ///< TYPE I was accepted in this session
     bool dataProtected = false; ///< PROT P was accepted in this session
     QString host = {};
+    QString dataFault = {}; ///< what broke the data connection; empty while it is whole
     QString errorText = {};
 };

@@ -112,6 +112,7 @@ private:
     QString onlyQuit(bool untilGone);
     QString listenForData(bool dead);
     QString playData(const Step &step);
+    QString breakTls();
     QString closeData(FtpScript::End end);
     QString stall();
     QString encrypt(QSslSocket *socket, bool mayFail);
@@ -219,6 +220,8 @@ QString ScriptedSession::playData(const Step &step)
     case Step::DataSend:
         write(data.get(), step.bytes, &dataPacketSize); // a client may well go in the middle of a transfer
         return {};
+    case Step::DataBreakTls:
+        return breakTls();
     case Step::DataClose:
         return closeData(static_cast<FtpScript::End>(step.number));
     case Step::DataReset:
@@ -415,6 +418,19 @@ QString ScriptedSession::stall()
         return hasGone(*data);
     });
     return gone ? QString() : u"the client has not closed the data connection"_s;
+}
+
+QString ScriptedSession::breakTls()
+{
+#ifdef Q_OS_UNIX
+    // An application record whose content nobody has encrypted, in place of the closing alert.
+    const QByteArray broken = QByteArray("\x17\x03\x03\x00\x20", 5) + QByteArray(32, 'x');
+    const auto descriptor = static_cast<int>(data->socketDescriptor());
+    if (::send(descriptor, broken.constData(), static_cast<size_t>(broken.size()), MSG_NOSIGNAL) < 0)
+        return u"the broken record was not sent"_s;
+    ::shutdown(descriptor, SHUT_WR);
+#endif
+    return stall();
 }
 
 QString ScriptedSession::closeData(FtpScript::End end)

@@ -64,6 +64,8 @@ public:
     FtpScript &enterPassive() { return expect("EPSV").passive().reply229(); }
 
     FtpScript &dataSend(const QByteArray &bytes) { return add({Step::DataSend, bytes}); }
+    /** Sends what is no TLS record through the middle of a protected data connection. */
+    FtpScript &dataBreakTls() { return add({Step::DataBreakTls}); }
     /** Cuts the next dataSend() into packets of so many bytes. */
     FtpScript &dataFragment(int bytes) { return add({Step::DataFragment, {}, bytes}); }
     /** Sends no more, and wants the client to close. */
@@ -106,6 +108,7 @@ private:
             PassiveRefused,
             PassiveDead,
             DataSend,
+            DataBreakTls,
             DataFragment,
             DataStall,
             DataClose,
