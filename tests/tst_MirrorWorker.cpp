@@ -113,6 +113,7 @@ private slots:
     void theLocalFolderIsMadeWithItsParents();
     void aLocalFolderThatCannotBeMadeEndsTheRunBeforeItConnects_data();
     void aLocalFolderThatCannotBeMadeEndsTheRunBeforeItConnects();
+    void aJobWithoutALocalFolderTouchesNothing();
     void aFailedLoginEndsTheRun_data();
     void aFailedLoginEndsTheRun();
     void aRefusedConnectionEndsTheRun();
@@ -163,6 +164,7 @@ private slots:
 
     void itWorksOnAThreadOfItsOwn();
     void itIsStoppedFromAnotherThread();
+    void nothingBeginsOnceTheThreadIsToEnd();
 
     void aServerThatFallsSilent_data();
     void aServerThatFallsSilent();
@@ -289,6 +291,20 @@ void TestMirrorWorker::aLocalFolderThatCannotBeMadeEndsTheRunBeforeItConnects()
     QCOMPARE(recorded.events, expected);
     QCOMPARE(recorded.sessions, 0);
     QCOMPARE(local.read(), QStringList{inTheWay});
+}
+
+void TestMirrorWorker::aJobWithoutALocalFolderTouchesNothing()
+{
+    LocalFolder local({u"mine: x"_s});
+    const QString before = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(local.path()));
+    RecordedWorker recorded{QString()};
+    recorded.config.deleteExtraneous = true;
+    const QString told = recorded.mirror(sampleTree());
+    QVERIFY(QDir::setCurrent(before));
+    QCOMPARE(told, u"message='Cannot create the local folder ''"_s + u'\'');
+    QCOMPARE(recorded.sessions, 0);
+    QCOMPARE(local.read(), QStringList{u"mine: x"_s});
 }
 
 void TestMirrorWorker::aFailedLoginEndsTheRun_data()
@@ -1128,6 +1144,35 @@ void TestMirrorWorker::itWorksOnAThreadOfItsOwn()
     QCOMPARE(events, expected);
     QVERIFY(isHere);
     QCOMPARE(local.read(), sampleMirrored());
+}
+
+void TestMirrorWorker::nothingBeginsOnceTheThreadIsToEnd()
+{
+    LocalFolder local;
+    FtpTreeServer server(sampleTree());
+    QThread thread;
+    auto *worker = new MirrorWorker;
+    worker->moveToThread(&thread);
+    QObject::connect(&thread, &QThread::finished, worker, &QObject::deleteLater);
+    Starter starter;
+    QObject::connect(&starter, &Starter::startSyncRequested, worker, &MirrorWorker::runSync);
+    QObject::connect(&starter, &Starter::startTestRequested, worker, &MirrorWorker::testConnection);
+    QStringList told;
+    QObject::connect(worker, &MirrorWorker::finished, &starter,
+                     [&](const MirrorResult &result) { told += describe(result); });
+    QObject::connect(worker, &MirrorWorker::testFinished, &starter,
+                     [&](bool ok, const QString &message) { told += ok ? u"good"_s : message; });
+    thread.start();
+    thread.requestInterruption();
+    MirrorConfig config{
+        .host = u"127.0.0.1"_s, .port = server.port(), .user = u"kim"_s, .password = u"secret"_s};
+    config.localDir = local.path();
+    emit starter.startSyncRequested(config);
+    emit starter.startTestRequested(config);
+    QTRY_COMPARE_WITH_TIMEOUT(told, (QStringList{u"message='Cancelled'"_s, u"Cancelled"_s}), 20000);
+    thread.quit();
+    QVERIFY(thread.wait());
+    QCOMPARE(local.read(), QStringList());
 }
 
 void TestMirrorWorker::itIsStoppedFromAnotherThread()

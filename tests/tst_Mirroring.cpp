@@ -170,6 +170,7 @@ void TestMirroring::filesAreComparedAsConfigured_data()
 
     row("unknown comparison, larger and newer", 3, "6", newer, upToDate);
     row("unknown comparison, time unknown", 3, "5", none, upToDate);
+    row("unknown comparison, time unknown, larger", 3, "6", none, upToDate);
     row("unknown comparison, nothing known", 3, none, none, u"no size or timestamp available"_s);
     row("unreadable time, same size", SizeAndTimestamp, "5", "20249931120000", upToDate);
 }

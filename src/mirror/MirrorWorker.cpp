@@ -118,7 +118,10 @@ void MirrorWorker::runSync(const MirrorConfig &jobConfig)
     QElapsedTimer runMeter;
     runMeter.start();
 
-    if (!QDir(config.localDir).exists() && !QDir().mkpath(config.localDir)) {
+    // A path without a name would be the working directory, with whatever it holds.
+    const bool hasLocalFolder =
+        !config.localDir.isEmpty() && (QDir(config.localDir).exists() || QDir().mkpath(config.localDir));
+    if (!hasLocalFolder) {
         result.message = tr("Cannot create the local folder '%1'").arg(config.localDir);
         emit log(result.message, LogError);
         emit finished(result);
@@ -160,7 +163,7 @@ void MirrorWorker::runSync(const MirrorConfig &jobConfig)
 
 void MirrorWorker::testConnection(const MirrorConfig &jobConfig)
 {
-    cancelRequested.exchange(false);
+    cancelRequested.exchange(QThread::currentThread()->isInterruptionRequested());
     FtpClient probe;
     prepare(&probe, jobConfig);
     setStatus(kConnecting);
@@ -243,8 +246,11 @@ bool MirrorWorker::mirrorDirectory(const QString &remotePath, const QString &loc
         emit log(tr("Maximum depth reached, skipping '%1'.").arg(remotePath), LogWarning);
         return true;
     }
-    if (depth > 0 && leadsOutOfLocalFolder(localPath)) {
-        emit log(tr("Not following the link '%1' out of the local folder.").arg(localPath), LogError);
+    // Only the user can have made such a link, but the server chooses the names that are walked, and
+    // behind the link it would fetch and prune in a folder that is not its counterpart.
+    const QFileInfo local(localPath);
+    if (depth > 0 && isLink(local) && local.exists()) {
+        emit log(tr("Not following the link '%1'.").arg(localPath), LogError);
         ++result.failed;
         return false;
     }
@@ -273,18 +279,6 @@ bool MirrorWorker::mirrorDirectory(const QString &remotePath, const QString &loc
     if (config.deleteExtraneous && !cancelRequested)
         removeExtraneous(localPath, folder.keepFiles, folder.keepDirs);
     return succeeded;
-}
-
-/** Only the user can have made such a link, but the server chooses the names that are walked. */
-bool MirrorWorker::leadsOutOfLocalFolder(const QString &localPath) const
-{
-    const QFileInfo local(localPath);
-    if (!isLink(local))
-        return false;
-    const QString target = local.canonicalFilePath();
-    const QString root = QFileInfo(config.localDir).canonicalFilePath();
-    return !target.isEmpty() && target != root &&
-           !target.startsWith(root.endsWith(u'/') ? root : root + u'/');
 }
 
 MirrorWorker::Walk MirrorWorker::mirrorEntry(const FtpEntry &entry, Folder *folder)

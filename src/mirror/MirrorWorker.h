@@ -87,7 +87,6 @@ private:
     void reportFileRate(qint64 size);
 
     bool mirrorDirectory(const QString &remotePath, const QString &localPath, int depth);
-    bool leadsOutOfLocalFolder(const QString &localPath) const;
     Walk mirrorEntry(const FtpEntry &entry, Folder *folder);
     Walk mirrorSubfolder(const QString &remotePath, const QString &localPath, int depth);
     Walk transferFile(const FtpEntry &entry, const QString &remotePath, const QString &localPath,

@@ -64,7 +64,8 @@ void RecordedWorker::note(const QString &event)
     static const QRegularExpression seconds(u"^log 0 Finished in \\d+\\.\\d s - "_s);
     QString text = event;
     if (!config.localDir.isEmpty())
-        text.replace(config.localDir, u"LOCAL"_s);
+        if (!config.localDir.isEmpty())
+            text.replace(config.localDir, u"LOCAL"_s);
     text.replace(u"127.0.0.1:%1"_s.arg(config.port), u"127.0.0.1:PORT"_s);
     if (event.startsWith(u"log 3 < 229"))
         text.replace(dataPort, u"(|||DATA|)"_s);
