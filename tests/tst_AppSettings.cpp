@@ -738,7 +738,7 @@ void tst_AppSettings::theNumberedNameIsTranslated()
     const AppSettings settings = loaded();
     QCOMPARE(settings.jobs.size(), 2);
     QCOMPARE(settings.jobs.at(0).name, u"alpha"_s);
-    QCOMPARE(settings.jobs.at(1).name, u"<Job 2>"_s);
+    QCOMPARE(settings.jobs.at(1).name, u"[Job 2]"_s);
 }
 
 void tst_AppSettings::readingChangesNothingInTheFile_data()

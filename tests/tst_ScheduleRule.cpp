@@ -733,14 +733,14 @@ void tst_ScheduleRule::labelsAreTranslatedButNotTheirPatterns_data()
     QTest::addColumn<QString>("rule");
     QTest::addColumn<QString>("label");
 
-    QTest::newRow("never") << u"0:1:0"_s << u"<Never (nothing selected)>"_s;
-    QTest::newRow("every hour") << u"127:16777215:0+30"_s << u"<every hour at :00, :30>"_s;
-    QTest::newRow("daily") << u"127:256:30"_s << u"<Daily at 08:30>"_s;
-    QTest::newRow("weekdays") << u"31:256:30"_s << u"<Weekdays> 08:30"_s;
-    QTest::newRow("weekends") << u"96:16777215:5"_s << u"<Weekends> <every hour at :05>"_s;
-    QTest::newRow("days") << u"63:256:30"_s << u"<Mon>, <Tue>, <Wed>, <Thu>, <Fri>, <Sat> 08:30"_s;
-    QTest::newRow("Sunday") << u"64:256:30"_s << u"<Sun> 08:30"_s;
-    QTest::newRow("more") << u"127:256:0+1+2+3+4"_s << u"08:00, 08:01, 08:02< +2 more>"_s;
+    QTest::newRow("never") << u"0:1:0"_s << u"[Never (nothing selected)]"_s;
+    QTest::newRow("every hour") << u"127:16777215:0+30"_s << u"[every hour at :00, :30]"_s;
+    QTest::newRow("daily") << u"127:256:30"_s << u"[Daily at 08:30]"_s;
+    QTest::newRow("weekdays") << u"31:256:30"_s << u"[Weekdays] 08:30"_s;
+    QTest::newRow("weekends") << u"96:16777215:5"_s << u"[Weekends] [every hour at :05]"_s;
+    QTest::newRow("days") << u"63:256:30"_s << u"[Mon], [Tue], [Wed], [Thu], [Fri], [Sat] 08:30"_s;
+    QTest::newRow("Sunday") << u"64:256:30"_s << u"[Sun] 08:30"_s;
+    QTest::newRow("more") << u"127:256:0+1+2+3+4"_s << u"08:00, 08:01, 08:02[ +2 more]"_s;
 }
 
 void tst_ScheduleRule::labelsAreTranslatedButNotTheirPatterns()

@@ -775,28 +775,28 @@ void tst_SyncJob::userTextsAreTranslated()
     job.name = u"alpha"_s;
     QString error;
     QVERIFY(!job.isRunnable(&error));
-    QCOMPARE(error, u"<'alpha' has no FTP host set.>"_s);
+    QCOMPARE(error, u"['alpha' has no FTP host set.]"_s);
     job.config.host = u"ftp.example"_s;
     QVERIFY(!job.isRunnable(&error));
-    QCOMPARE(error, u"<'alpha' has no local folder set.>"_s);
-    QCOMPARE(AppSettings().uniqueName(QString(), -1), u"<New job>"_s);
+    QCOMPARE(error, u"['alpha' has no local folder set.]"_s);
+    QCOMPARE(AppSettings().uniqueName(QString(), -1), u"[New job]"_s);
 
-    QCOMPARE(intervalJob(1).scheduleLabel(), u"<Every 1 min>"_s);
-    QCOMPARE(intervalJob(60).scheduleLabel(), u"<Every 1 hour(s)>"_s);
-    QCOMPARE(intervalJob(1440).scheduleLabel(), u"<Every 1 day(s)>"_s);
-    QCOMPARE(rulesJob({}).scheduleLabel(), u"<Never (nothing selected)>"_s);
-    QCOMPARE(rulesJob({u"1:1:0"_s, u"1:1:0"_s}).scheduleLabel(), u"<<Mon> 00:00  (+1 more <schedule>)>"_s);
+    QCOMPARE(intervalJob(1).scheduleLabel(), u"[Every 1 min]"_s);
+    QCOMPARE(intervalJob(60).scheduleLabel(), u"[Every 1 hour(s)]"_s);
+    QCOMPARE(intervalJob(1440).scheduleLabel(), u"[Every 1 day(s)]"_s);
+    QCOMPARE(rulesJob({}).scheduleLabel(), u"[Never (nothing selected)]"_s);
+    QCOMPARE(rulesJob({u"1:1:0"_s, u"1:1:0"_s}).scheduleLabel(), u"[[Mon] 00:00  (+1 more [schedule])]"_s);
     QCOMPARE(rulesJob({u"1:1:0"_s, u"1:1:0"_s, u"1:1:0"_s}).scheduleLabel(),
-             u"<<Mon> 00:00  (+2 more <schedules>)>"_s);
+             u"[[Mon] 00:00  (+2 more [schedules])]"_s);
 
     QCOMPARE(intervalJob(1).scheduleDetail(),
-             u"<Runs every 1 <minute>, measured from the end of the previous run.>"_s);
+             u"[Runs every 1 [minute], measured from the end of the previous run.]"_s);
     QCOMPARE(intervalJob(2).scheduleDetail(),
-             u"<Runs every 2 <minutes>, measured from the end of the previous run.>"_s);
-    QCOMPARE(rulesJob({}).scheduleDetail(), u"<Nothing selected, so this job will never fire.>"_s);
-    QCOMPARE(rulesJob({u"1:1:0"_s}).scheduleDetail(), u"<1 <schedule>, 1 <run> per week at most.>"_s);
+             u"[Runs every 2 [minutes], measured from the end of the previous run.]"_s);
+    QCOMPARE(rulesJob({}).scheduleDetail(), u"[Nothing selected, so this job will never fire.]"_s);
+    QCOMPARE(rulesJob({u"1:1:0"_s}).scheduleDetail(), u"[1 [schedule], 1 [run] per week at most.]"_s);
     QCOMPARE(rulesJob({u"1:1:0"_s, u"1:1:0"_s}).scheduleDetail(),
-             u"<2 <schedules>, 2 <runs> per week at most.>"_s);
+             u"[2 [schedules], 2 [runs] per week at most.]"_s);
 }
 
 void tst_SyncJob::panelTextsAndPatternsAreNotTranslated()
