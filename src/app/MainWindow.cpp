@@ -1,6 +1,7 @@
 #include "app/MainWindow.h"
 
 #include "app/JobTexts.h"
+#include "dialogs/JobDialog.h"
 #include "mirror/MirrorWorker.h"
 #include "model/LogLevel.h"
 #include "model/SettingsStore.h"
@@ -47,6 +48,15 @@ QVariant lastResultColour(const SyncJob &job)
     if (!job.lastRun.isValid())
         return QColor(0x80, 0x80, 0x80);
     return job.lastOk ? QVariant() : QColor(0xC0, 0x30, 0x20);
+}
+
+/** A message box for text that may be foreign, and must not be taken for markup. */
+int showMessage(QWidget *parent, QMessageBox::Icon icon, const QString &text,
+                QMessageBox::StandardButtons buttons = QMessageBox::Ok)
+{
+    QMessageBox box(icon, QCoreApplication::applicationName(), text, buttons, parent);
+    box.setTextFormat(Qt::PlainText);
+    return box.exec();
 }
 
 QIcon applicationIcon() { return QIcon(u":/Kelpwharf.png"_s); }
@@ -495,8 +505,7 @@ void MainWindow::onStop()
 void MainWindow::onAutoToggled(bool enabled)
 {
     if (enabled && settings.jobs.isEmpty()) {
-        QMessageBox::warning(this, QCoreApplication::applicationName(),
-                             tr("Add a job before switching on AUTO."), QMessageBox::Ok);
+        showMessage(this, QMessageBox::Warning, tr("Add a job before switching on AUTO."));
         autoCheck->setChecked(false); // comes back here, so the log says that AUTO is off
         return;
     }
@@ -654,17 +663,123 @@ void MainWindow::onWorkerStatus(int /*status*/, const QString & /*detail*/) {}
 
 // Job commands
 
-void MainWindow::onAddJob() {}
+// None of these asks whether a job is running: the buttons are off then, but menus and double clicks
+// are not, and what they do holds all the same. Wanted.
 
-void MainWindow::onEditJob() {}
+void MainWindow::onAddJob()
+{
+    SyncJob proposed;
+    proposed.name = settings.uniqueName(tr("New job"), -1);
+    JobDialog dialog(proposed, this);
+    if (dialog.exec() != QDialog::Accepted)
+        return;
+    SyncJob job = dialog.job();
+    job.name = settings.uniqueName(job.name, -1);
+    if (autoCheck->isChecked())
+        job.nextRun = job.computeNextRun(QDateTime::currentDateTime());
+    appendJob(job);
+    appendLog(tr("Added job '%1'.").arg(job.name), LogInformation);
+    refreshPanel();
+}
 
-void MainWindow::onDuplicateJob() {}
+void MainWindow::onEditJob()
+{
+    const int row = selectedRow();
+    if (!isJobRow(row))
+        return;
+    JobDialog dialog(settings.jobs.at(row), this);
+    if (dialog.exec() != QDialog::Accepted)
+        return;
+    // The state of the moment when the dialog was opened comes back too, and wins over what a run has
+    // recorded meanwhile. Wanted.
+    SyncJob job = dialog.job();
+    job.name = settings.uniqueName(job.name, row);
+    if (autoCheck->isChecked() && job.enabled)
+        job.nextRun = job.computeNextRun(QDateTime::currentDateTime());
+    settings.jobs[row] = job;
+    settings.save();
+    refreshRow(row);
+    refreshPanel();
+    appendLog(tr("Updated job '%1'.").arg(job.name), LogInformation);
+}
 
-void MainWindow::onRemoveJob() {}
+void MainWindow::onDuplicateJob()
+{
+    const int row = selectedRow();
+    if (!isJobRow(row))
+        return;
+    // It keeps the marks of a job that waits or runs, and has no next run until AUTO comes on anew or
+    // the job is edited or ticked. Wanted.
+    SyncJob copy = settings.jobs.at(row);
+    copy.name = settings.uniqueName(copy.name, -1);
+    copy.lastRun = QDateTime();
+    copy.lastSummary.clear();
+    copy.nextRun = QDateTime();
+    appendJob(copy);
+    appendLog(tr("Duplicated as '%1'.").arg(copy.name), LogInformation);
+}
 
-void MainWindow::onTestConnection() {}
+void MainWindow::appendJob(const SyncJob &job)
+{
+    settings.jobs.append(job);
+    settings.save();
+    refreshTable();
+    table->selectRow(table->rowCount() - 1);
+}
 
-void MainWindow::onTestFinished(bool /*ok*/, const QString & /*message*/) {}
+void MainWindow::onRemoveJob()
+{
+    const int row = selectedRow();
+    if (!isJobRow(row))
+        return;
+    const QString name = settings.jobs.at(row).name;
+    const int answer =
+        showMessage(this, QMessageBox::Question,
+                    tr("Remove the job '%1'?\n\nLocal files already downloaded are left alone.").arg(name),
+                    QMessageBox::Yes | QMessageBox::No);
+    if (answer != QMessageBox::Yes)
+        return;
+    settings.jobs.removeAt(row);
+    queue.removeAll(row);
+    for (int &waiting : queue) {
+        if (waiting > row)
+            --waiting;
+    }
+    settings.save();
+    refreshTable();
+    refreshPanel();
+    updateButtons();
+    appendLog(tr("Removed job '%1'.").arg(name), LogInformation);
+}
+
+void MainWindow::onTestConnection()
+{
+    const int row = selectedRow();
+    if (!isJobRow(row))
+        return;
+    const SyncJob &job = settings.jobs.at(row);
+    QString error;
+    if (!job.isRunnable(&error)) {
+        showMessage(this, QMessageBox::Warning, error);
+        return;
+    }
+    testButton->setEnabled(false);
+    statusLabel->setText(tr("Testing connection..."));
+    appendLog(tr("[%1] Testing connection to %2...").arg(job.name, job.config.host), LogInformation);
+    emit testConnectionRequested(job.config);
+}
+
+void MainWindow::onTestFinished(bool ok, const QString &message)
+{
+    updateButtons();
+    if (runningIndex < 0)
+        statusLabel->setText(tr("Idle"));
+    appendLog(message, ok ? LogInformation : LogError);
+    if (ok)
+        showMessage(this, QMessageBox::Information, message);
+    else
+        showMessage(this, QMessageBox::Critical, tr("Connection failed:\n\n%1").arg(message));
+}
 
 // Updates and about
 

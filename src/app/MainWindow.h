@@ -95,6 +95,8 @@ private:
 
     void refreshPanel();
 
+    void appendJob(const SyncJob &job);
+
     QTableWidget *table = nullptr;
     QPushButton *addButton = nullptr;
     QPushButton *editButton = nullptr;
