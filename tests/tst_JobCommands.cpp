@@ -1,5 +1,6 @@
 #include "support/DialogVisit.h"
 #include "support/FtpTreeServer.h"
+#include "support/MarkingTranslator.h"
 #include "support/MessageBoxAnswer.h"
 #include "support/TestSettings.h"
 #include "support/TestWindow.h"
@@ -10,6 +11,7 @@
 #include <QDir>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QSpinBox>
 #include <QTableWidget>
@@ -111,13 +113,19 @@ private slots:
     void anEditedJobKeepsItsNameOrGetsAnother();
     void anEditedJobIsScheduledAnew();
     void editingOverwritesWhatARunRecordedMeanwhile();
+    void editingBringsBackAllOfTheOpeningMoment();
+    void aDoubleClickEditsAlsoDuringARun_data();
     void aDoubleClickEditsAlsoDuringARun();
 
     void aDuplicateForgetsItsRuns();
     void aDuplicateHasNoNextRunUntilItIsToldTo();
     void aDuplicateOfARunningJobReadsRunning();
 
+    void aDuplicateOfAWaitingJobReadsQueued();
+
+    void textsAreTranslated();
     void removingAsks();
+    void closingTheQuestionRemovesNothing();
     void removingMovesTheSelection();
     void removingRenumbersTheQueue();
     void removingDuringARunMisplacesItsResult();
@@ -304,6 +312,35 @@ void TestJobCommands::editingOverwritesWhatARunRecordedMeanwhile()
     QCOMPARE(window.log(), QStringList());
 }
 
+void TestJobCommands::editingBringsBackAllOfTheOpeningMoment()
+{
+    SyncJob job = TestJobs::lastRunAgo(u"b"_s, 60);
+    TestJobs::store({TestJobs::named(u"a"_s), job});
+    CommandWindow window;
+    window.syncByHand(0);
+    window.syncByHand(1); // waits
+    window.selectJob(1);
+    const DialogVisit visit(kEditor, [&](QDialog *editor) {
+        window.endRun(); // and b begins
+        window.endRun({.failed = 1, .message = u"no"_s});
+        QVERIFY(!TestJobs::stored().jobs.at(1).lastOk);
+        clickButton(editor, u"OK"_s);
+    });
+    window.edit();
+    const SyncJob stored = TestJobs::stored().jobs.at(1);
+    QCOMPARE(stored.lastSummary, u"earlier"_s);
+    QVERIFY(stored.lastOk);
+    QCOMPARE(stored.lastRun.toSecsSinceEpoch(), job.lastRun.toSecsSinceEpoch());
+    QCOMPARE(window.cell(1, NextRunColumn), u"queued"_s); // though it waits for nothing
+}
+
+void TestJobCommands::aDoubleClickEditsAlsoDuringARun_data()
+{
+    QTest::addColumn<int>("column");
+    for (int column = EnabledColumn; column <= LastResultColumn; ++column)
+        QTest::addRow("column %d", column) << column;
+}
+
 void TestJobCommands::aDoubleClickEditsAlsoDuringARun()
 {
     TestJobs::store({TestJobs::named(u"a"_s), TestJobs::named(u"b"_s)});
@@ -316,7 +353,8 @@ void TestJobCommands::aDoubleClickEditsAlsoDuringARun()
         fillIn(editor, u"renamed"_s);
     });
     auto *table = window.part<QTableWidget>("table");
-    const QPoint cell = table->visualItemRect(window.item(1, ServerColumn)).center();
+    QFETCH(const int, column);
+    const QPoint cell = table->visualItemRect(window.item(1, column)).center();
     QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, cell);
     QTest::mouseDClick(table->viewport(), Qt::LeftButton, {}, cell);
     QCOMPARE(shown, u"b"_s);
@@ -370,6 +408,61 @@ void TestJobCommands::aDuplicateOfARunningJobReadsRunning()
     window.duplicate();
     window.endRun();
     QCOMPARE(window.column(NextRunColumn), QStringList({u"manual"_s, u"running..."_s}));
+}
+
+void TestJobCommands::aDuplicateOfAWaitingJobReadsQueued()
+{
+    TestJobs::store({TestJobs::named(u"a"_s), TestJobs::lastRunAgo(u"b"_s, 60)});
+    CommandWindow window;
+    window.syncByHand(0);
+    window.syncByHand(1);
+    window.selectJob(1);
+    window.duplicate();
+    QCOMPARE(window.cell(2, NextRunColumn), u"queued"_s);
+    QVERIFY(TestJobs::stored().jobs.last().lastOk);
+}
+
+void TestJobCommands::closingTheQuestionRemovesNothing()
+{
+    TestJobs::store({TestJobs::named(u"a"_s)});
+    const CommandWindow window;
+    const DialogVisit visit(u"Kelpwharf"_s, [](QDialog *box) { QTest::keyClick(box, Qt::Key_Escape); });
+    window.remove();
+    QCOMPARE(window.names(), QStringList{u"a"_s});
+}
+
+void TestJobCommands::textsAreTranslated()
+{
+    MarkingTranslator translator("MainWindow");
+    QCoreApplication::installTranslator(&translator);
+    const auto putBack = qScopeGuard([&translator] { QCoreApplication::removeTranslator(&translator); });
+    CommandWindow window;
+    QString proposed;
+    const DialogVisit visit(kEditor, [&](QDialog *editor) {
+        proposed = partOf<QLineEdit>(editor, "nameEdit")->text();
+        fillIn(editor, u"a"_s);
+    });
+    window.invoke("onAddJob");
+    QCOMPARE(proposed, u"[New job]"_s);
+    const DialogVisit again(kEditor, [&](QDialog *editor) { clickButton(editor, u"OK"_s); });
+    window.invoke("onEditJob");
+    window.invoke("onDuplicateJob");
+    QString question;
+    {
+        const MessageBoxAnswer yes(u"Yes"_s);
+        window.invoke("onRemoveJob");
+        question = yes.text();
+    }
+    QCOMPARE(question, u"[Remove the job 'a (2)'?\n\nLocal files already downloaded are left alone.]"_s);
+    window.invoke("onTestConnection");
+    QCOMPARE(window.status(), u"[Testing connection...]"_s);
+    const MessageBoxAnswer ok(u"OK"_s);
+    window.endTest(false, u"why"_s);
+    QCOMPARE(ok.text(), u"[Connection failed:\n\nwhy]"_s);
+    QCOMPARE(window.status(), u"[Idle]"_s);
+    QCOMPARE(window.log(), QStringList({u"[Added job 'a'.]"_s, u"[Updated job 'a'.]"_s,
+                                        u"[Duplicated as 'a (2)'.]"_s, u"[Removed job 'a (2)'.]"_s,
+                                        u"[[a] Testing connection to 127.0.0.1...]"_s, u"why"_s}));
 }
 
 void TestJobCommands::removingAsks()

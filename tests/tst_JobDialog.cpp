@@ -192,6 +192,8 @@ private slots:
     void aCancelledRuleChangesNothing();
     void removingRules();
     void theLastRuleStays();
+    void withoutACurrentRuleNothingIsEditedOrRemoved();
+    void aMendedRuleIsNoLongerRed();
     void fiveHundredRules();
 
     void thePreviewOfAnInterval();
@@ -217,6 +219,7 @@ private slots:
     void everyFieldHasAName();
     void theTabOrderFollowsTheEye();
     void textsAreTranslated();
+    void refusalsAreTranslated();
 };
 
 // What is to be seen
@@ -678,6 +681,8 @@ void TestJobDialog::excludes_data()
     QTest::newRow("blank inside") << u"a b;c,d"_s << QStringList({u"a b"_s, u"c,d"_s});
     QTest::newRow("twice the same") << u"a;a"_s << QStringList({u"a"_s, u"a"_s});
     QTest::newRow("unicode") << u"ü*;日本 ; 😀"_s << QStringList({u"ü*"_s, u"日本"_s, u"😀"_s});
+    QTest::newRow("more than a field takes by itself")
+        << u"abcdef;"_s.repeated(6000) << QStringList(6000, u"abcdef"_s);
     QTest::newRow("10000 patterns") << u"a;"_s.repeated(10000) << QStringList(10000, u"a"_s);
 }
 
@@ -993,6 +998,36 @@ void TestJobDialog::theLastRuleStays()
     QCOMPARE(answer.icon(), QMessageBox::Information);
     QCOMPARE(answer.buttons(), QStringList(u"OK"_s));
     QCOMPARE(dialog.job().rules.size(), 1);
+}
+
+void TestJobDialog::withoutACurrentRuleNothingIsEditedOrRemoved()
+{
+    const QList<ScheduleRule> rules = {makeRule(1), makeRule(2)};
+    const Dialog dialog(weeklyJob(rules));
+    dialog.list()->setCurrentRow(-1);
+    for (const char *name : {"removeRuleButton", "editRuleButton"}) {
+        QVERIFY(!dialog.button(name)->isEnabled());
+        dialog.button(name)->setEnabled(true); // it guards the command, but not alone
+        dialog.button(name)->click();
+        QCOMPARE(storage(dialog.job().rules), storage(rules));
+    }
+}
+
+void TestJobDialog::aMendedRuleIsNoLongerRed()
+{
+    const Dialog dialog(weeklyJob({makeRule(0), makeRule(2)}));
+    const QBrush usual = dialog.list()->item(1)->foreground();
+    QVERIFY(dialog.list()->item(0)->foreground() != usual);
+    {
+        const RuleDialogVisit visit([](ScheduleRuleDialog *rule) {
+            rule->setDays(1);
+            rule->setHours(1);
+            rule->accept();
+        });
+        dialog.button("editRuleButton")->click();
+    }
+    QCOMPARE(dialog.list()->item(0)->foreground(), usual);
+    QCOMPARE(dialog.list()->item(0)->toolTip(), u"1 run per week."_s);
 }
 
 void TestJobDialog::fiveHundredRules()
@@ -1364,7 +1399,16 @@ void TestJobDialog::textsAreTranslated()
     const auto remove = qScopeGuard([&translator] { QCoreApplication::removeTranslator(&translator); });
     const Dialog dialog(weeklyJob({makeRule(1, 1)}));
     QCOMPARE(dialog.windowTitle(), u'[' + kTitle + u']');
-    QCOMPARE(dialog.tabs()->tabText(ServerTab), u"[Server]"_s);
+    for (int tab = 0; tab < dialog.tabs()->count(); ++tab)
+        QVERIFY2(dialog.tabs()->tabText(tab).startsWith(u'['), qPrintable(dialog.tabs()->tabText(tab)));
+    for (const char *name : {"syncModeCombo", "compareCombo"}) {
+        for (int item = 0; item < dialog.combo(name)->count(); ++item)
+            QVERIFY2(dialog.combo(name)->itemText(item).startsWith(u'['), name);
+        QVERIFY(dialog.combo(name)->count() == 3);
+    }
+    for (const QGroupBox *box : dialog.findChildren<QGroupBox *>())
+        QVERIFY2(box->title().startsWith(u'['), qPrintable(box->title()));
+    QVERIFY(dialog.edit("nameEdit")->placeholderText().startsWith(u'['));
     QVERIFY(dialog.edit("hostEdit")->placeholderText().startsWith(u'['));
     QCOMPARE(dialog.edit("excludeEdit")->placeholderText(), u"[*.tmp; cache*; .htaccess]"_s);
     QCOMPARE(dialog.edit("remoteEdit")->placeholderText(), u"/public_html/recordings"_s);
@@ -1381,6 +1425,35 @@ void TestJobDialog::textsAreTranslated()
     for (const char *name : {"enabledBox", "tlsBox", "recursiveBox", "deleteBox", "intervalRadio",
                              "rulesRadio", "addRuleButton", "editRuleButton", "removeRuleButton"})
         QVERIFY2(dialog.button(name)->text().startsWith(u'['), name);
+    for (int mode = 0; mode < 3; ++mode) {
+        dialog.combo("syncModeCombo")->setCurrentIndex(mode);
+        QVERIFY2(dialog.modeText().startsWith(u'['), qPrintable(dialog.modeText()));
+    }
+}
+
+void TestJobDialog::refusalsAreTranslated()
+{
+    MarkingTranslator translator("JobDialog");
+    QCoreApplication::installTranslator(&translator);
+    const auto remove = qScopeGuard([&translator] { QCoreApplication::removeTranslator(&translator); });
+    Dialog dialog(weeklyJob({makeRule(0)}));
+    QCOMPARE(dialog.preview(), u'[' + kNothing + u']');
+    const auto refusal = [&dialog] {
+        const MessageBoxAnswer answer(u"OK"_s);
+        dialog.accept();
+        return answer.text();
+    };
+    QCOMPARE(refusal(), u'[' + kNoSchedule + u']');
+    dialog.edit("localEdit")->clear();
+    QCOMPARE(refusal(), u'[' + kNoFolder + u']');
+    dialog.edit("hostEdit")->clear();
+    QCOMPARE(refusal(), u'[' + kNoHost + u']');
+    dialog.edit("nameEdit")->clear();
+    QCOMPARE(refusal(), u'[' + kNoName + u']');
+    dialog.button("removeRuleButton")->setEnabled(true);
+    const MessageBoxAnswer answer(u"OK"_s);
+    dialog.button("removeRuleButton")->click();
+    QCOMPARE(answer.text(), u'[' + kLastSchedule + u']');
 }
 
 int main(int argc, char *argv[])

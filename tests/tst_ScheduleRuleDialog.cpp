@@ -1,4 +1,5 @@
 #include "dialogs/ScheduleRuleDialog.h"
+#include "support/DialogVisit.h"
 #include "support/MarkingTranslator.h"
 #include "support/MessageBoxAnswer.h"
 #include "support/TestSettings.h"
@@ -153,10 +154,11 @@ void TestScheduleRuleDialog::theLayout()
     const auto row = [layout](int index) {
         QStringList texts;
         const QLayout *cells = layout->itemAt(index)->layout();
+        const auto *box = qobject_cast<const QBoxLayout *>(cells);
         for (int i = 0; i < cells->count(); ++i) {
             QWidget *widget = cells->itemAt(i)->widget();
             if (cells->itemAt(i)->spacerItem())
-                texts += u"|"_s;
+                texts += box->stretch(i) == 1 ? u"|"_s : u"?"_s;
             else if (widget)
                 texts += widget->property("text").toString();
         }
@@ -445,8 +447,13 @@ void TestScheduleRuleDialog::refusals()
     dialog.minutes()->setText(minutes);
     dialog.show();
     {
+        dialog.day(0)->setFocus();
+        const QWidget *boxParent = nullptr;
+        const DialogVisit visit(u"Schedule"_s,
+                                [&boxParent](QDialog *box) { boxParent = box->parentWidget(); });
         const MessageBoxAnswer answer(u"OK"_s);
         dialog.button(QDialogButtonBox::Ok)->click();
+        QCOMPARE(boxParent, &dialog);
         QTEST(answer.text(), "warning");
         QCOMPARE(answer.title(), u"Schedule"_s);
         QCOMPARE(answer.icon(), QMessageBox::Warning);
@@ -457,6 +464,8 @@ void TestScheduleRuleDialog::refusals()
     QCOMPARE(dialog.minutes()->text(), minutes);
     QCOMPARE(dialog.daysMask(), rule.days);
     QCOMPARE(dialog.hoursMask(), rule.hours);
+    QFETCH(const QString, warning);
+    QCOMPARE(dialog.focusWidget() == dialog.minutes(), warning == kNoMinute);
 }
 
 void TestScheduleRuleDialog::oneRefusalAfterTheOther()

@@ -141,7 +141,10 @@ void MainWindow::buildTable()
     header->resizeSection(kEnabled, 28);
     header->resizeSection(kMode, fontMetrics().horizontalAdvance(u"NEW + CHANGED + PRUNE"_s) + 12);
     connect(table, &QTableWidget::itemSelectionChanged, this, &MainWindow::onSelectionChanged);
-    connect(table, &QTableWidget::itemDoubleClicked, this, [this] { onEditJob(); });
+    connect(table, &QTableWidget::itemDoubleClicked, this, [this](const QTableWidgetItem *item) {
+        table->selectRow(item->row()); // a click on the check box alone selects nothing
+        onEditJob();
+    });
     connect(table, &QTableWidget::cellChanged, this, &MainWindow::onJobItemChanged);
 }
 

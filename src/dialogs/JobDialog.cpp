@@ -25,6 +25,7 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 using namespace Qt::StringLiterals;
@@ -40,6 +41,14 @@ Widget *named(QLatin1StringView name, Arguments... arguments)
     auto *widget = new Widget(arguments...);
     widget->setObjectName(name);
     return widget;
+}
+
+/** A field that takes a text of any length: cut to Qt's 32767, it would come back as another one. */
+QLineEdit *lineEdit(QLatin1StringView name, QWidget *parent)
+{
+    auto *edit = named<QLineEdit>(name, parent);
+    edit->setMaxLength(std::numeric_limits<int>::max());
+    return edit;
 }
 
 QLabel *note(const QString &richText, QWidget *parent)
@@ -75,7 +84,7 @@ JobDialog::JobDialog(const SyncJob &job, QWidget *parent) : QDialog(parent), sou
     setModal(true);
     auto *layout = new QVBoxLayout(this);
 
-    nameEdit = named<QLineEdit>("nameEdit"_L1, this);
+    nameEdit = lineEdit("nameEdit"_L1, this);
     nameEdit->setPlaceholderText(tr("e.g. 2YYY overnight archive"));
     enabledBox = named<QCheckBox>("enabledBox"_L1, tr("Enabled"), this);
     auto *header = new QHBoxLayout;
@@ -110,15 +119,15 @@ QWidget *JobDialog::buildServerTab()
 {
     auto *tab = new QWidget(this);
     auto *form = new QFormLayout(tab);
-    hostEdit = named<QLineEdit>("hostEdit"_L1, tab);
+    hostEdit = lineEdit("hostEdit"_L1, tab);
     hostEdit->setPlaceholderText(tr("ftp.example.com"));
     form->addRow(tr("Host:"), hostEdit);
     portSpin = named<QSpinBox>("portSpin"_L1, tab);
     portSpin->setRange(1, 65535);
     form->addRow(tr("Port:"), portSpin);
-    userEdit = named<QLineEdit>("userEdit"_L1, tab);
+    userEdit = lineEdit("userEdit"_L1, tab);
     form->addRow(tr("Username:"), userEdit);
-    passwordEdit = named<QLineEdit>("passwordEdit"_L1, tab);
+    passwordEdit = lineEdit("passwordEdit"_L1, tab);
     passwordEdit->setEchoMode(QLineEdit::Password);
     form->addRow(tr("Password:"), passwordEdit);
     form->addRow(QString(), note(tr("<i>Passwords are stored obfuscated, not encrypted.</i>"), tab));
@@ -134,14 +143,14 @@ QWidget *JobDialog::buildServerTab()
 QWidget *JobDialog::buildFolderTab()
 {
     auto *tab = new QWidget(this);
-    remoteEdit = named<QLineEdit>("remoteEdit"_L1, tab);
+    remoteEdit = lineEdit("remoteEdit"_L1, tab);
     remoteEdit->setPlaceholderText(u"/public_html/recordings"_s);
-    localEdit = named<QLineEdit>("localEdit"_L1, tab);
+    localEdit = lineEdit("localEdit"_L1, tab);
     browseButton = named<QToolButton>("browseButton"_L1, tab);
     browseButton->setText(u"..."_s);
     browseButton->setAccessibleName(tr("Choose the local folder"));
     connect(browseButton, &QToolButton::clicked, this, &JobDialog::onBrowseLocal);
-    excludeEdit = named<QLineEdit>("excludeEdit"_L1, tab);
+    excludeEdit = lineEdit("excludeEdit"_L1, tab);
     excludeEdit->setPlaceholderText(tr("*.tmp; cache*; .htaccess"));
     recursiveBox = named<QCheckBox>("recursiveBox"_L1, tr("Include sub-folders"), tab);
 

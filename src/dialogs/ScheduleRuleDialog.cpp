@@ -116,12 +116,13 @@ QBoxLayout *ScheduleRuleDialog::buildMinuteRow()
     minutesEdit = new QLineEdit(this);
     minutesEdit->setObjectName("minutesEdit"_L1);
     minutesEdit->setMaximumWidth(180);
+    minutesEdit->setMinimumWidth(180); // or the placeholder is cut
     minutesEdit->setPlaceholderText(tr("0    or    0, 30    or    55"));
     connect(minutesEdit, &QLineEdit::textChanged, this, &ScheduleRuleDialog::refreshPreview);
     label->setBuddy(minutesEdit);
     auto *row = new QHBoxLayout;
     row->addWidget(label);
-    row->addWidget(minutesEdit, 1); // up to its maximum, or the placeholder is cut
+    row->addWidget(minutesEdit);
     row->addStretch(1);
     return row;
 }
