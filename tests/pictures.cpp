@@ -1,5 +1,6 @@
 // Makes the pictures of the documentation: kelpwharf_pictures FOLDER. No test; tools/screenshots runs it.
 
+#include "panel/VfdPanel.h"
 #include "support/DialogVisit.h"
 #include "support/FtpTreeServer.h"
 #include "support/TestSettings.h"
@@ -28,7 +29,7 @@ QString folder; // where the pictures go
 /** Takes the window as the screen shows it. */
 void take(QWidget *window, const QString &name)
 {
-    QTest::qWait(300); // painted, and no cursor blinks half-way
+    QTest::qWait(300); // painted
     const QString path = QDir(folder).filePath(name + u".png"_s);
     const QPixmap picture = window->screen()->grabWindow(window->winId());
     if (picture.isNull() || !picture.save(path))
@@ -119,6 +120,7 @@ void takeWindows()
     TestJobs::store({recordings, photographs, minutes});
 
     TestWindow window;
+    window.resize(1080, 780); // so that a last result can be read
     window.show();
     window.press("autoCheck");
     const auto isIdle = [&] { return window.status() == u"Idle"_s; };
@@ -144,6 +146,8 @@ int main(int argc, char *argv[])
 {
     const TestSettings settings;
     QApplication application(argc, argv);
+    QApplication::setCursorFlashTime(0);
+    VfdPanel::nameFontStandIns();
     TestWindow::setIdentity();
     require(argc == 2 && QDir().mkpath(QString::fromLocal8Bit(argv[1])), "kelpwharf_pictures FOLDER");
     folder = QString::fromLocal8Bit(argv[1]);

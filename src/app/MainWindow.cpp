@@ -5,6 +5,7 @@
 #include "mirror/MirrorWorker.h"
 #include "model/LogLevel.h"
 #include "model/SettingsStore.h"
+#include "panel/VfdPanel.h"
 
 #include <QAction>
 #include <QCheckBox>
@@ -108,6 +109,9 @@ void MainWindow::buildUi()
     auto *layout = new QVBoxLayout(central);
     layout->setContentsMargins(10, 10, 10, 10);
     layout->setSpacing(10);
+    panel = new VfdPanel(this);
+    panel->setObjectName("panel"_L1);
+    layout->addWidget(panel, 0);
     buildTable();
     layout->addWidget(table, 1);
     layout->addLayout(buildButtonRow(), 0);
@@ -577,6 +581,7 @@ void MainWindow::wireWorker()
     connect(worker, &MirrorWorker::log, this, &MainWindow::onWorkerLog);
     connect(worker, &MirrorWorker::progress, this, &MainWindow::onWorkerProgress);
     connect(worker, &MirrorWorker::statusChanged, this, &MainWindow::onWorkerStatus);
+    connect(worker, &MirrorWorker::throughput, this, [this](double rate) { panel->setRate(rate); });
     connect(worker, &MirrorWorker::finished, this, &MainWindow::onWorkerFinished);
     connect(worker, &MirrorWorker::testFinished, this, &MainWindow::onTestFinished);
     workerThread->start();
@@ -597,6 +602,11 @@ void MainWindow::startNextQueued()
     job.running = true;
     runningIndex = row;
     statusLabel->setText(tr("Mirroring '%1'...").arg(job.name));
+    panel->setJobName(job.name);
+    panel->setHost(job.config.host);
+    panel->setSyncModeLabel(job.syncModeLabel());
+    panel->setFileProgress(-1.0);
+    panel->setRunning(true);
     appendLog(tr("[%1] Starting sync.").arg(job.name), LogInformation);
     refreshRow(row);
     updateButtons();
@@ -604,15 +614,19 @@ void MainWindow::startNextQueued()
     emit startSyncRequested(job.config);
 }
 
-void MainWindow::onWorkerProgress(const QString &file, qint64 /*done*/, qint64 /*total*/)
+void MainWindow::onWorkerProgress(const QString &file, qint64 done, qint64 total)
 {
-    if (!file.isEmpty())
+    if (!file.isEmpty()) {
+        panel->setCurrentFile(file);
         statusLabel->setText(tr("Downloading %1").arg(file));
+    }
+    panel->setFileProgress(total > 0 ? static_cast<double>(done) / static_cast<double>(total) : -1.0);
 }
 
 void MainWindow::onWorkerFinished(const MirrorResult &result)
 {
     const int row = std::exchange(runningIndex, -1);
+    panel->setRunning(false);
     if (isJobRow(row))
         recordResult(row, result);
     settings.save();
@@ -635,6 +649,9 @@ void MainWindow::recordResult(int row, const MirrorResult &result)
     job.lastOk = result.success;
     if (autoCheck->isChecked() && job.enabled)
         job.nextRun = job.computeNextRun(now);
+    panel->setLastRun(job.lastRun, job.lastSummary);
+    if (result.downloaded > 0 || result.deleted > 0)
+        panel->addActivityMark(now);
     logOutcome(job, result);
     refreshRow(row);
 }
@@ -660,9 +677,54 @@ void MainWindow::logOutcome(const SyncJob &job, const MirrorResult &result)
 
 // Panel
 
-void MainWindow::refreshPanel() {}
+void MainWindow::refreshPanel()
+{
+    const bool isAuto = autoCheck->isChecked();
+    const bool isRunning = runningIndex >= 0;
+    if (isAuto)
+        panel->setMode(VfdPanel::Auto);
+    else
+        panel->setMode(isRunning && manualRun ? VfdPanel::Manual : VfdPanel::Off);
+    if (isRunning)
+        return; // the panel belongs to the run
 
-void MainWindow::onWorkerStatus(int /*status*/, const QString & /*detail*/) {}
+    int row = isAuto ? soonestPendingJob() : -1;
+    if (!isJobRow(row))
+        row = selectedRow();
+    if (!isJobRow(row)) {
+        panel->setJobName(QString());
+        panel->setHost(QString());
+        panel->setNextRun(QDateTime());
+        return;
+    }
+    const SyncJob &job = settings.jobs.at(row);
+    panel->setJobName(job.name);
+    panel->setHost(job.config.host);
+    panel->setSyncModeLabel(job.syncModeLabel());
+    panel->setNextRun(isAuto ? job.nextRun : QDateTime());
+    // A job that never ran leaves the last run of the one shown before it. Wanted.
+    if (job.lastRun.isValid())
+        panel->setLastRun(job.lastRun, job.lastSummary);
+}
+
+int MainWindow::soonestPendingJob() const
+{
+    int soonest = -1;
+    for (int row = 0; row < settings.jobs.size(); ++row) {
+        const SyncJob &job = settings.jobs.at(row);
+        if (!job.enabled || !job.nextRun.isValid())
+            continue;
+        if (soonest < 0 || job.nextRun < settings.jobs.at(soonest).nextRun)
+            soonest = row;
+    }
+    return soonest;
+}
+
+void MainWindow::onWorkerStatus(int status, const QString &detail)
+{
+    const bool isKnown = status >= VfdPanel::Connecting && status <= VfdPanel::Error;
+    panel->setLink(isKnown ? static_cast<VfdPanel::Link>(status) : VfdPanel::Offline, detail);
+}
 
 // Job commands
 
@@ -769,6 +831,7 @@ void MainWindow::onTestConnection()
     testButton->setEnabled(false);
     statusLabel->setText(tr("Testing connection..."));
     appendLog(tr("[%1] Testing connection to %2...").arg(job.name, job.config.host), LogInformation);
+    panel->setJobName(job.name);
     emit testConnectionRequested(job.config);
 }
 

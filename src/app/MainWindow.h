@@ -15,6 +15,7 @@ class QSystemTrayIcon;
 class QTableWidget;
 class QThread;
 class QTimer;
+class VfdPanel;
 
 /**
  * The one window, and the controller behind it: it owns the jobs, decides which of them runs
@@ -94,9 +95,11 @@ private:
     void logOutcome(const SyncJob &job, const MirrorResult &result);
 
     void refreshPanel();
+    int soonestPendingJob() const;
 
     void appendJob(const SyncJob &job);
 
+    VfdPanel *panel = nullptr;
     QTableWidget *table = nullptr;
     QPushButton *addButton = nullptr;
     QPushButton *editButton = nullptr;

@@ -1,4 +1,5 @@
 #include "app/MainWindow.h"
+#include "panel/VfdPanel.h"
 
 #include <QApplication>
 #include <QEvent>
@@ -88,6 +89,8 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationVersion(QStringLiteral(KELPWHARF_VERSION));
     QGuiApplication::setWindowIcon(QIcon(u":/Kelpwharf.png"_s));
     QGuiApplication::setQuitOnLastWindowClosed(false);
+
+    VfdPanel::nameFontStandIns();
 
     int status = 0;
     QPointer<QThread> workerThread;
