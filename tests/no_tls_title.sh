@@ -20,6 +20,8 @@ for kind in "$plugins"/*; do
 done
 printf '[Paths]\nPlugins=%s/plugins\n' "$home" >"$home/qt.conf"
 cp "$program" "$home/kelpwharf"
+mkdir "$home/Orrinvale"
+printf '[General]\ncheckForUpdates=false\n' >"$home/Orrinvale/Kelpwharf.ini"
 
 env HOME="$home" XDG_CONFIG_HOME="$home" QT_QPA_PLATFORM=xcb "$home/kelpwharf" &
 pid=$!

@@ -5,9 +5,11 @@
 #include <QDateTime>
 #include <QDir>
 #include <QGuiApplication>
+#include <QHostAddress>
 #include <QLabel>
 #include <QMenu>
 #include <QMenuBar>
+#include <QNetworkProxy>
 #include <QPlainTextEdit>
 #include <QTableWidget>
 #include <QTextBlock>
@@ -17,6 +19,18 @@
 using namespace Qt::StringLiterals;
 
 namespace {
+
+/** Sends whatever is meant for another machine to a port on which nobody listens. */
+class ThisMachineOnly : public QNetworkProxyFactory
+{
+public:
+    QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery &query) override
+    {
+        if (QHostAddress(query.peerHostName()).isLoopback() || query.peerHostName().isEmpty())
+            return {QNetworkProxy(QNetworkProxy::NoProxy)};
+        return {QNetworkProxy(QNetworkProxy::HttpProxy, u"127.0.0.1"_s, 9)};
+    }
+};
 
 constexpr qsizetype kStampLength = 21; // "[yyyy-MM-dd HH:mm:ss]"
 
@@ -39,6 +53,7 @@ void TestWindow::setIdentity()
     QCoreApplication::setApplicationName(u"Kelpwharf"_s);
     QCoreApplication::setApplicationVersion(u"1.0.0"_s);
     QGuiApplication::setQuitOnLastWindowClosed(false);
+    QNetworkProxyFactory::setApplicationProxyFactory(new ThisMachineOnly);
 }
 
 void TestWindow::takeWorkerAway() { disconnect(this, &MainWindow::startSyncRequested, nullptr, nullptr); }

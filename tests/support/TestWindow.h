@@ -39,7 +39,10 @@ class TestWindow : public MainWindow
     Q_OBJECT
 
 public:
-    /** Gives the application the program's names; once, and before a window is made. */
+    /**
+     * Gives the application the program's names, and lets no request leave this machine; once, and
+     * before a window is made.
+     */
     static void setIdentity();
 
     /** From here on runs are only announced; the test ends them with endRun(). */
