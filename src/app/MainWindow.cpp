@@ -6,6 +6,11 @@
 #include "model/LogLevel.h"
 #include "model/SettingsStore.h"
 #include "panel/VfdPanel.h"
+#include "update/AboutDialog.h"
+#include "update/ForeignText.h"
+#include "update/UpdateChecker.h"
+#include "update/UpdateDialog.h"
+#include "update/UpdateThrottle.h"
 
 #include <QAction>
 #include <QCheckBox>
@@ -13,6 +18,7 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QHeaderView>
+#include <QInputDialog>
 #include <QLabel>
 #include <QMenu>
 #include <QMenuBar>
@@ -25,6 +31,7 @@
 #include <QTableWidget>
 #include <QThread>
 #include <QTimer>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include <utility>
@@ -34,12 +41,15 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kTickMs = 1000;
-constexpr int kAutoStartMs = 1200; ///< the window is up by then
+constexpr int kAutoStartMs = 1200;   ///< the window is up by then
+constexpr int kUpdateCheckMs = 4000; ///< after the start, when it is through with more urgent things
 constexpr int kCloseWaitMs = 5000;
 constexpr int kTrayHintMs = 4000;
 constexpr int kTrayWarningMs = 8000;
 constexpr int kLogLines = 5000;
 constexpr QSize kDefaultSize(880, 760);
+
+const QString kBuiltInEndpoint = QStringLiteral(KELPWHARF_UPDATE_URL);
 
 enum Column : int { kEnabled, kJob, kServer, kMode, kSchedule, kNextRun, kLastResult, kColumns };
 
@@ -74,6 +84,7 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent)
     buildUi();
     buildMenus();
     wireWorker();
+    wireUpdates();
 
     tickTimer = new QTimer(this);
     tickTimer->setObjectName("tickTimer"_L1);
@@ -849,8 +860,109 @@ void MainWindow::onTestFinished(bool ok, const QString &message)
 
 // Updates and about
 
-void MainWindow::onCheckForUpdates() {}
+void MainWindow::wireUpdates()
+{
+    updateChecker = new UpdateChecker(this);
+    updateChecker->setObjectName("updateChecker"_L1);
+    connect(updateChecker, &UpdateChecker::finished, this, &MainWindow::onUpdateFound);
+    connect(updateChecker, &UpdateChecker::failed, this, &MainWindow::onUpdateFailed);
+    if (!settings.checkForUpdates ||
+        !isUpdateCheckDue(settings.lastUpdateCheck, QDateTime::currentDateTime()))
+        return;
+    QTimer::singleShot(kUpdateCheckMs, this, [this] {
+        if (!updateChecker->isBusy())
+            updateChecker->check(updateEndpointUrl(), false);
+    });
+}
 
-void MainWindow::onUpdateEndpoint() {}
+QUrl MainWindow::updateEndpointUrl() const
+{
+    const QString own = settings.updateEndpoint.trimmed();
+    return QUrl(own.isEmpty() ? kBuiltInEndpoint : own, QUrl::TolerantMode);
+}
 
-void MainWindow::onAbout() {}
+void MainWindow::onCheckForUpdates()
+{
+    if (updateChecker->isBusy()) {
+        appendLog(tr("An update check is already running."), LogWarning);
+        return;
+    }
+    appendLog(tr("Checking for updates..."), LogInformation);
+    updateChecker->check(updateEndpointUrl(), true);
+}
+
+void MainWindow::onUpdateEndpoint()
+{
+    const QString own = settings.updateEndpoint.trimmed();
+    bool ok = false;
+    const QString answer =
+        QInputDialog::getText(this, tr("Update endpoint"),
+                              tr("Where %1 checks for updates.\nLeave blank to restore the default.")
+                                  .arg(QCoreApplication::applicationName()),
+                              QLineEdit::Normal, own.isEmpty() ? kBuiltInEndpoint : own, &ok)
+            .trimmed();
+    if (!ok)
+        return;
+    // The default is never written out, so that a later version may bring another one.
+    settings.updateEndpoint = answer == kBuiltInEndpoint ? QString() : answer;
+    settings.save();
+    appendLog(tr("Update endpoint set to %1.").arg(updateEndpointUrl().toString()), LogInformation);
+}
+
+void MainWindow::noteUpdateCheck()
+{
+    settings.lastUpdateCheck = QDateTime::currentDateTime();
+    settings.save();
+}
+
+void MainWindow::onUpdateFound(const UpdateInfo &info, bool manual)
+{
+    noteUpdateCheck();
+    const QString running = QCoreApplication::applicationVersion();
+    const QString latest = oneLine(info.latestVersion);
+    if (UpdateChecker::compareVersions(info.latestVersion, running) <= 0) {
+        appendLog(tr("Up to date (running %1, latest %2).").arg(running, latest), LogInformation);
+        if (manual)
+            showMessage(this, QMessageBox::Information,
+                        tr("You are running the latest version (%1).").arg(running));
+        return;
+    }
+    // Skipping is a ceiling: a version above the skipped one is offered again.
+    const bool isSkipped = !settings.skippedVersion.isEmpty() && !manual && !info.critical &&
+                           UpdateChecker::compareVersions(info.latestVersion, settings.skippedVersion) <= 0;
+    if (isSkipped) {
+        appendLog(tr("Version %1 is available but was skipped.").arg(latest), LogProtocol);
+        return;
+    }
+    appendLog(tr("Version %1 is available.").arg(latest), info.critical ? LogWarning : LogInformation);
+    offerUpdate(info);
+}
+
+void MainWindow::offerUpdate(const UpdateInfo &info)
+{
+    const QString latest = oneLine(info.latestVersion);
+    UpdateDialog dialog(info, QCoreApplication::applicationVersion(), this);
+    dialog.exec();
+    switch (dialog.choice()) {
+    case UpdateDialog::SkipVersion:
+        settings.skippedVersion = info.latestVersion;
+        settings.save();
+        appendLog(tr("Version %1 will be skipped.").arg(latest), LogInformation);
+        break;
+    case UpdateDialog::Download:
+        appendLog(tr("Opened the download page for %1.").arg(latest), LogInformation);
+        break;
+    case UpdateDialog::RemindLater:
+        break;
+    }
+}
+
+void MainWindow::onUpdateFailed(const QString &reason, bool manual)
+{
+    noteUpdateCheck();
+    appendLog(tr("Update check failed: %1").arg(reason), manual ? LogError : LogProtocol);
+    if (manual)
+        showMessage(this, QMessageBox::Warning, tr("Could not check for updates.\n\n%1").arg(reason));
+}
+
+void MainWindow::onAbout() { AboutDialog(this).exec(); }

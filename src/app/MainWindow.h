@@ -15,7 +15,10 @@ class QSystemTrayIcon;
 class QTableWidget;
 class QThread;
 class QTimer;
+class QUrl;
+class UpdateChecker;
 class VfdPanel;
+struct UpdateInfo;
 
 /**
  * The one window, and the controller behind it: it owns the jobs, decides which of them runs
@@ -45,6 +48,8 @@ private slots:
     void onAbout();
     void onCheckForUpdates();
     void onUpdateEndpoint();
+    void onUpdateFound(const UpdateInfo &info, bool manual);
+    void onUpdateFailed(const QString &reason, bool manual);
     void onAddJob();
     void onEditJob();
     void onDuplicateJob();
@@ -99,6 +104,11 @@ private:
 
     void appendJob(const SyncJob &job);
 
+    void wireUpdates();
+    QUrl updateEndpointUrl() const;
+    void noteUpdateCheck();
+    void offerUpdate(const UpdateInfo &info);
+
     VfdPanel *panel = nullptr;
     QTableWidget *table = nullptr;
     QPushButton *addButton = nullptr;
@@ -108,6 +118,7 @@ private:
     QPushButton *syncButton = nullptr;
     QPushButton *stopButton = nullptr;
     QCheckBox *autoCheck = nullptr; ///< the AUTO state itself, kept nowhere else
+    UpdateChecker *updateChecker = nullptr;
     QPlainTextEdit *logView = nullptr;
     QLabel *statusLabel = nullptr;
     QLabel *versionLabel = nullptr;
