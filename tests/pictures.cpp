@@ -5,6 +5,9 @@
 #include "support/FtpTreeServer.h"
 #include "support/TestSettings.h"
 #include "support/TestWindow.h"
+#include "update/AboutDialog.h"
+#include "update/UpdateChecker.h"
+#include "update/UpdateDialog.h"
 
 #include <QApplication>
 #include <QDir>
@@ -16,6 +19,7 @@
 #include <QThread>
 
 #include <atomic>
+#include <functional>
 
 using namespace Qt::StringLiterals;
 
@@ -95,11 +99,21 @@ void takeWindows()
     const QTemporaryDir copies(QDir::tempPath() + u"/copies-XXXXXX"_s);
     require(copies.isValid() && QDir(copies.path()).mkpath(u"Photographs/withdrawn"_s),
             "no place for copies");
-    std::atomic<bool> holdBack = false;
-    FtpTreeServer server(archive(), {.onCommand = [&holdBack](const QByteArray &command) {
-                             while (holdBack && command.startsWith("RETR") && command.contains("62"))
-                                 QThread::msleep(20);
-                         }});
+    // As from a server somewhere, which stops in the middle of the second file.
+    std::atomic<bool> holdBack = true;
+    const auto takeTime = [] { QThread::msleep(60); };
+    const auto wait = [&holdBack] {
+        while (holdBack)
+            QThread::msleep(20);
+    };
+    QList<Fault> faults;
+    for (int chunk = 1; chunk <= 12; ++chunk) {
+        for (const char *file : {"61", "62"})
+            faults +=
+                Fault::inData(QByteArray("RETR /recordings/evening talk ") + file + ".mp3", chunk * 100000)
+                    .call(chunk == 9 && file == QByteArray("62") ? std::function<void()>(wait) : takeTime);
+    }
+    FtpTreeServer server(archive(), {.faults = faults});
     SyncJob recordings = job(u"Recordings"_s, u"/recordings"_s, server.port(), copies);
     recordings.scheduleMode = Rules;
     ScheduleRule weekdays;
@@ -130,14 +144,31 @@ void takeWindows()
     take(&window, u"window"_s);
     takeEditors(window);
 
-    holdBack = true;
     window.selectJob(0);
     window.press("syncButton");
     require(QTest::qWaitFor([&] { return window.status().contains(u"62"); }, kPatienceMs),
             "the recordings did not begin");
+    QTest::qWait(900); // up to where the server stops
     take(&window, u"window-running"_s);
     holdBack = false;
     require(QTest::qWaitFor(isIdle, kPatienceMs), "the recordings were not mirrored");
+}
+
+void takeUpdates()
+{
+    UpdateInfo info;
+    info.latestVersion = u"1.1.0"_s;
+    info.releaseDate = u"1 March 2026"_s;
+    info.downloadUrl = u"https://www.orrinvale.example/kelpwharf/download"_s;
+    info.notesUrl = u"https://www.orrinvale.example/kelpwharf/notes/1.1.0"_s;
+    info.notes = u"- Servers that list no times are asked for them less often.\n"
+                 "- The display shows the half hours of yesterday's runs, too.\n"_s;
+    UpdateDialog update(info, QCoreApplication::applicationVersion());
+    update.show();
+    take(&update, u"update"_s);
+    AboutDialog about;
+    about.show();
+    take(&about, u"about"_s);
 }
 
 } // namespace
@@ -152,5 +183,6 @@ int main(int argc, char *argv[])
     require(argc == 2 && QDir().mkpath(QString::fromLocal8Bit(argv[1])), "kelpwharf_pictures FOLDER");
     folder = QString::fromLocal8Bit(argv[1]);
     takeWindows();
+    takeUpdates();
     return 0;
 }
