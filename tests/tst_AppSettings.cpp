@@ -5,6 +5,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QGuiApplication>
@@ -380,6 +381,7 @@ private slots:
     void twoCopiesInTurnLeaveTheLatterWhole();
     void twoCopiesAtOnceLeaveOneOfThemWhole();
     void aCopyKilledWhileSavingLeavesAWholeFile();
+    void anAbandonedLockKeepsNobodyWaiting();
 
 private:
     std::unique_ptr<TestSettings> store;
@@ -1620,6 +1622,20 @@ void tst_AppSettings::aCopyKilledWhileSavingLeavesAWholeFile()
         QVERIFY(copy.waitForFinished());
         QCOMPARE(describe(loaded()), other);
     }
+}
+
+void tst_AppSettings::anAbandonedLockKeepsNobodyWaiting()
+{
+    // What is left of a copy that was killed between making its lock and filling it.
+    QFile lock(store->filePath() + u".lock"_s);
+    QVERIFY(lock.open(QIODevice::WriteOnly));
+    QVERIFY(lock.setFileTime(QDateTime::currentDateTime().addSecs(-5), QFileDevice::FileModificationTime));
+    lock.close();
+    QElapsedTimer timer;
+    timer.start();
+    fullSettings().save();
+    QVERIFY2(timer.elapsed() < 15000, qPrintable(QString::number(timer.elapsed()))); // or half a minute
+    QCOMPARE(describe(loaded()), describe(fullSettings()));
 }
 
 int main(int argc, char **argv)
