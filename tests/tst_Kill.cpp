@@ -17,29 +17,32 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int kKills = 50;
-constexpr int kMostRuns = 2 * kKills; ///< some runs are over before the signal comes
+constexpr int kKills = 50; ///< unless KELPWHARF_KILLS says how many
 constexpr int kFiles = 20;
 constexpr int kProcessMs = 20000;
+constexpr int kStepsASave = 3; ///< of a run, between two writes of the settings
 
 const QString kRunOption = u"--mirror"_s;
 
-/** Tells a file from all others and from its other versions, and no part of it is part of another. */
+/** Its size tells a file's versions apart, and no part of one is part of another near it. */
 QByteArray contentOf(int file, int version)
 {
     const int sizes[] = {3000, 70000, 140000, 500000};
     const int size = sizes[file % 4] + 100 * file + version;
-    return QByteArray(size, static_cast<char>(version));
+    return QByteArray(size, static_cast<char>(version % 100));
 }
 
 QString pathOf(int file) { return u"folder %1/file %2.bin"_s.arg(file % 5).arg(file); }
 
+/** Every seventh file is gone, each time another one: it is to be pruned, or comes back. */
 FileTree archive(int version)
 {
     const QDateTime start(QDate(2020, 1, 1), QTime(), Qt::UTC);
     FileTree tree;
-    for (int file = 0; file < kFiles; ++file)
-        tree.insert(pathOf(file), {contentOf(file, version), start.addDays(version)});
+    for (int file = 0; file < kFiles; ++file) {
+        if ((file + version) % 7 != 0)
+            tree.insert(pathOf(file), {contentOf(file, version), start.addDays(version)});
+    }
     return tree;
 }
 
@@ -49,13 +52,39 @@ QStringList damagedFiles(const FileTree &tree, int newest)
     QStringList paths = tree.keys();
     for (int file = 0; file < kFiles; ++file) {
         const QByteArray content = tree.value(pathOf(file)).content;
-        const int version = content.isEmpty() ? newest + 1 : static_cast<int>(content.front());
-        if (version <= newest && content == contentOf(file, version))
+        const auto version = static_cast<int>(content.size() - contentOf(file, 0).size());
+        if (version >= 0 && version <= newest && content == contentOf(file, version))
             paths.removeOne(pathOf(file));
         paths.removeOne(pathOf(file) + u".part"_s);
     }
     paths.removeIf([](const QString &path) { return path.endsWith(u'/'); });
     return paths;
+}
+
+/** Settings of which every part tells to which write it belongs. */
+AppSettings settingsOf(int write)
+{
+    AppSettings settings;
+    settings.checkForUpdates = false;
+    for (int row = 0; row < 20; ++row) {
+        SyncJob job;
+        job.name = u"job %1"_s.arg(row);
+        job.lastSummary = QString::number(write);
+        settings.jobs += job;
+    }
+    settings.skippedVersion = QString::number(write);
+    return settings;
+}
+
+/** Whether the settings file holds one write, and all of it. */
+bool areSettingsWhole()
+{
+    AppSettings seen;
+    seen.load();
+    const bool sameWrite = std::all_of(seen.jobs.cbegin(), seen.jobs.cend(), [&seen](const SyncJob &job) {
+        return job.lastSummary == seen.skippedVersion;
+    });
+    return sameWrite && seen.jobs.size() == settingsOf(0).jobs.size() && !seen.skippedVersion.isEmpty();
 }
 
 // The run that is killed: this program once more, with other arguments.
@@ -85,7 +114,12 @@ int runOnce(const QStringList &arguments)
     config.deleteExtraneous = true;
     MirrorWorker worker;
     bool success = false;
+    int steps = 0;
     QObject::connect(&worker, &MirrorWorker::log, &worker, reportStep);
+    QObject::connect(&worker, &MirrorWorker::log, &worker, [&steps] {
+        if (++steps % kStepsASave == 0)
+            settingsOf(steps).save();
+    });
     QObject::connect(&worker, &MirrorWorker::progress, &worker, reportStep);
     QObject::connect(&worker, &MirrorWorker::finished, &worker,
                      [&success](const MirrorResult &result) { success = result.success; });
@@ -154,22 +188,35 @@ void tst_Kill::killedRunsDamageNothingAndAreRepaired()
     QVERIFY2(allSteps > 0, server.log().constData());
     QCOMPARE(treeDifference(archive(0), readTree(local.path())), QString());
 
+    const int wanted = qEnvironmentVariableIsEmpty("KELPWHARF_KILLS")
+                           ? kKills
+                           : qEnvironmentVariableIntValue("KELPWHARF_KILLS");
     int kills = 0;
     int version = 0;
-    while (kills < kKills) {
-        QVERIFY(version < kMostRuns);
+    while (kills < wanted) {
+        QVERIFY(version < 2 * wanted); // some runs are over before the signal comes
         ++version;
-        writeTree(server.root(), archive(version));
+        const FileTree served = archive(version);
+        for (const QString &path : archive(version - 1).keys()) {
+            if (!served.contains(path))
+                QFile::remove(server.root() + u'/' + path);
+        }
+        writeTree(server.root(), served);
         if (killAfter(random.bounded(1, allSteps), config))
             ++kills;
         QCOMPARE(damagedFiles(readTree(local.path()), version), QStringList());
+        QVERIFY(areSettingsWhole());
     }
 
     QVERIFY2(stepsOfAWholeRun(config) > 0, server.log().constData());
-    const FileTree repaired = readTree(local.path());
+    FileTree repaired = readTree(local.path());
+    repaired.removeIf([](const auto &file) { return file.key().endsWith(u".part"); }); // never pruned
     QCOMPARE(repaired.keys(), archive(version).keys());
-    for (int file = 0; file < kFiles; ++file)
-        QVERIFY2(repaired.value(pathOf(file)).content == contentOf(file, version), qPrintable(pathOf(file)));
+    for (int file = 0; file < kFiles; ++file) {
+        if (archive(version).contains(pathOf(file)))
+            QVERIFY2(repaired.value(pathOf(file)).content == contentOf(file, version),
+                     qPrintable(pathOf(file)));
+    }
     QCOMPARE(server.foreignCommands(), QStringList());
 }
 

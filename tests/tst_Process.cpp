@@ -174,7 +174,7 @@ QByteArray soundSettings()
 /** Jobs of which nothing is known but their names. */
 QByteArray bareSettings(int jobs)
 {
-    QByteArray text = "[jobs]\nsize=" + QByteArray::number(jobs) + '\n';
+    QByteArray text = "[General]\ncheckForUpdates=false\n\n[jobs]\nsize=" + QByteArray::number(jobs) + '\n';
     for (int i = 1; i <= jobs; ++i)
         text += QByteArray::number(i) + "\\name=job " + QByteArray::number(i) + '\n';
     return text;
