@@ -612,12 +612,12 @@ void MainWindow::startNextQueued()
     job.queued = false;
     job.running = true;
     runningIndex = row;
-    statusLabel->setText(tr("Mirroring '%1'...").arg(job.name));
     panel->setJobName(job.name);
     panel->setHost(job.config.host);
     panel->setSyncModeLabel(job.syncModeLabel());
     panel->setFileProgress(-1.0);
     panel->setRunning(true);
+    statusLabel->setText(tr("Mirroring '%1'...").arg(job.name));
     appendLog(tr("[%1] Starting sync.").arg(job.name), LogInformation);
     refreshRow(row);
     updateButtons();
