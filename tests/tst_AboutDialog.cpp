@@ -1,5 +1,6 @@
 #include "support/BrowserStandIn.h"
 #include "support/Contrast.h"
+#include "support/MarkingTranslator.h"
 #include "support/TestSettings.h"
 #include "support/TestWindow.h"
 #include "update/AboutDialog.h"
@@ -70,6 +71,7 @@ class TestAboutDialog : public QObject
     Q_OBJECT
 
 private slots:
+    void textsAreTranslated();
     void cleanup();
 
     void theFrame();
@@ -125,6 +127,8 @@ void TestAboutDialog::theLayout()
     QCOMPARE(contentsOf(dialog), (QStringList{u"label"_s, u"gap 20"_s, u"label"_s, u"gap 10"_s, u"label"_s,
                                               u"gap 20"_s, u"label"_s, u"gap 22"_s, u"label"_s, u"gap 7"_s,
                                               u"label"_s, u"gap 7"_s, u"stretch"_s, u"buttons"_s}));
+    const QLayout *layout = dialog.layout();
+    QCOMPARE(layout->itemAt(layout->count() - 1)->alignment(), Qt::AlignRight);
     const auto labels = dialog.findChildren<QLabel *>();
     for (const QLabel *label : labels) {
         QCOMPARE(label->alignment(), Qt::AlignCenter);
@@ -308,6 +312,23 @@ void TestAboutDialog::itsColoursStayReadable()
     const QPalette button = okButton(dialog)->palette();
     QVERIFY(contrast(button.color(QPalette::Button), button.color(QPalette::ButtonText)) > 4.5);
     QCOMPARE(ground == desktop, desktop.lightness() > 200); // a light desktop keeps its own
+}
+
+void TestAboutDialog::textsAreTranslated()
+{
+    MarkingTranslator translator("AboutDialog");
+    QCoreApplication::installTranslator(&translator);
+    const auto remove = qScopeGuard([&translator] { QCoreApplication::removeTranslator(&translator); });
+    const AboutDialog dialog;
+    QCOMPARE(dialog.windowTitle(), u"[About Kelpwharf]"_s);
+    int words = 0;
+    for (const QString &text : shown(dialog)) {
+        if (!text.startsWith(u"<a "_s)) {
+            QVERIFY2(text.startsWith(u'['), qPrintable(text));
+            ++words;
+        }
+    }
+    QCOMPARE(words, 3);
 }
 
 int main(int argc, char *argv[])

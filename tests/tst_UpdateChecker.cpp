@@ -1,4 +1,5 @@
 #include "support/HttpTestServer.h"
+#include "support/MarkingTranslator.h"
 #include "support/TestSettings.h"
 #include "update/UpdateChecker.h"
 
@@ -185,6 +186,9 @@ private slots:
     void aSecondCheckMeanwhileIsDropped();
     void theCheckerIsIdleBeforeTheOutcomeIsTold_data();
     void theCheckerIsIdleBeforeTheOutcomeIsTold();
+    void noCookieIsKept();
+    void aVersionOfAnyLengthIsBounded();
+    void textsAreTranslated();
     void checksFollowOneAnother();
     void aCheckerMayGoDuringACheck();
     void nothingIsLeftOfACheck();
@@ -413,8 +417,8 @@ void TestUpdateChecker::badEndpoints()
 void TestUpdateChecker::statusesOtherThan200_data()
 {
     QTest::addColumn<int>("status");
-    for (const int status : {201, 202, 203, 206, 300, 304, 400, 401, 403, 404, 405, 408,
-                             410, 418, 429, 451, 500, 501, 502, 503, 504, 599, 999})
+    for (const int status : {201, 202, 203, 204, 206, 300, 304, 400, 401, 403, 404, 405,
+                             408, 410, 418, 429, 451, 500, 501, 502, 503, 504, 599, 999})
         QTest::addRow("%d", status) << status;
 }
 
@@ -512,6 +516,8 @@ void TestUpdateChecker::connectionsThatFail_data()
     row("closed behind the head", head);
     row("closed within the body", head + kGoodBody);
     row("broken off within the body", head + kGoodBody, HttpAnswer::End::Reset);
+    const QByteArray missing = "HTTP/1.1 404 Not Found\r\nContent-Length: 1000\r\n\r\n";
+    row("closed within the body of a 404", missing + kGoodBody);
     row("redirected to nowhere", "HTTP/1.1 302 Found\r\nContent-Length: 0\r\n\r\n");
     row("another protocol", "220 ready when you are\r\n");
 }
@@ -803,6 +809,37 @@ void TestUpdateChecker::theCheckerIsIdleBeforeTheOutcomeIsTold()
     QTRY_COMPARE_WITH_TIMEOUT(flags.size(), 2, kPatienceMs);
     QCOMPARE(flags, (QList<bool>{true, false}));
     QCOMPARE(lastVersion, u"3"_s);
+}
+
+void TestUpdateChecker::noCookieIsKept()
+{
+    HttpTestServer server;
+    server.setAnswer(HttpAnswer::status(200, kGoodBody, "Set-Cookie: id=42; Max-Age=99999\r\n"));
+    ObservedChecker checker;
+    for (int round = 0; round < 2; ++round) {
+        checker->check(server.url(), false);
+        QTRY_COMPARE_WITH_TIMEOUT(checker.signalCount(), round + 1, kPatienceMs);
+        QCOMPARE(server.header("Cookie", round), QByteArray());
+    }
+}
+
+void TestUpdateChecker::aVersionOfAnyLengthIsBounded()
+{
+    const QByteArray endless(5000000, '1');
+    const Outcome outcome = outcomeOf(HttpAnswer::json(R"({"latest_version": "2.)" + endless + "\"}"));
+    QCOMPARE(outcome.info.latestVersion, u"2."_s + QString(998, u'1')); // it may be stored
+}
+
+void TestUpdateChecker::textsAreTranslated()
+{
+    MarkingTranslator translator("UpdateChecker");
+    QCoreApplication::installTranslator(&translator);
+    const auto remove = qScopeGuard([&translator] { QCoreApplication::removeTranslator(&translator); });
+    QCOMPARE(outcomeOf(QUrl(u"x"_s)).reason, u"[The update endpoint 'x' is not a valid URL.]"_s);
+    QCOMPARE(outcomeOf(HttpAnswer::status(503, {})).reason, u"[The update service returned HTTP 503.]"_s);
+    QCOMPARE(outcomeOf(HttpAnswer::json("[]")).reason, u'[' + kMalformed + u']');
+    QCOMPARE(outcomeOf(HttpAnswer::json("{}")).reason, u'[' + kNoVersion + u']');
+    QVERIFY(outcomeOf(HttpAnswer::raw({})).reason.startsWith(u'[' + kUnreachable));
 }
 
 void TestUpdateChecker::checksFollowOneAnother()

@@ -7,17 +7,16 @@
 #include "update/UpdateChecker.h"
 
 #include <QApplication>
-#include <QElapsedTimer>
 #include <QInputDialog>
+#include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
 
-#include <memory>
 #include <optional>
-#include <vector>
 
 using namespace Qt::StringLiterals;
 
@@ -91,12 +90,14 @@ private slots:
     void init() const;
 
     void whoAsksByItself();
+    void oneAskedMeanwhileIsNotAskedAgain();
     void askedByHandItAlwaysAsks();
     void aSecondCheckIsNotMade();
     void anAddressOfBlanksIsTheBuiltInOne();
 
     void nothingNewer_data();
     void nothingNewer();
+    void theRunningVersionIsTheApplications();
     void whatIsOffered_data();
     void whatIsOffered();
     void whatIsChosen_data();
@@ -106,6 +107,7 @@ private slots:
 
     void aCheckThatFails_data();
     void aCheckThatFails();
+    void aCheckThatFailsByHandIsTold();
     void aServerThatAnswersBadlyIsTold();
 
     void theEndpointIsAskedFor();
@@ -136,37 +138,58 @@ void TestUpdateFlow::whoAsksByItself()
         QString name;
         bool checks;
         QDateTime last;
+        bool asks;
     } cases[] = {
-        {u"off"_s, false, {}},
-        {u"19 hours ago"_s, true, now.addSecs(-19 * 3600)},
-        {u"just below 20 hours ago"_s, true, now.addSecs(-72000 + 60)},
-        {u"in the future"_s, true, now.addSecs(3600)},
-        {u"far in the future"_s, true, now.addYears(10)},
-        {u"never"_s, true, {}},
-        {u"20 hours ago"_s, true, now.addSecs(-72000)},
-        {u"a year ago"_s, true, now.addYears(-1)},
+        {u"off"_s, false, {}, false},
+        {u"19 hours ago"_s, true, now.addSecs(-19 * 3600), false},
+        {u"just below 20 hours ago"_s, true, now.addSecs(-72000 + 60), false},
+        {u"in the future"_s, true, now.addSecs(3600), false},
+        {u"far in the future"_s, true, now.addYears(10), false},
+        {u"never"_s, true, {}, true},
+        {u"20 hours ago"_s, true, now.addSecs(-72000), true},
+        {u"a year ago"_s, true, now.addYears(-1), true},
     };
-    QElapsedTimer timer;
-    timer.start();
-    std::vector<std::unique_ptr<UpdateWindow>> windows; // all at once, as each waits for four seconds
     for (const auto &one : cases) {
         AppSettings settings;
         settings.checkForUpdates = one.checks;
         settings.lastUpdateCheck = one.last;
         settings.updateEndpoint = server.url(u"/check"_s).toString();
         store(settings);
-        windows.push_back(std::make_unique<UpdateWindow>());
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(windows.back()->log().size(), 1, kPatienceMs);
-    QVERIFY2(timer.elapsed() >= 3900, qPrintable(QString::number(timer.elapsed())));
-    for (size_t i = 0; i < windows.size(); ++i) {
-        const bool asks = i >= 5;
-        QTRY_COMPARE_WITH_TIMEOUT(windows[i]->log().size(), asks ? 1 : 0, asks ? kPatienceMs : 1);
-        if (asks)
-            QCOMPARE(windows[i]->lastLine(), u"Up to date (running 1.0.0, latest 0.9)."_s);
+        const UpdateWindow window;
+        auto *timer = window.findChild<QTimer *>(u"updateTimer"_s);
+        QCOMPARE(timer != nullptr, one.asks);
+        if (!timer)
+            continue;
+        QVERIFY2(timer->isActive() && timer->isSingleShot(), qPrintable(one.name));
+        QCOMPARE(timer->interval(), 4000);
+        timer->start(0); // as if they were over
+        QTRY_COMPARE_WITH_TIMEOUT(window.log(), QStringList{u"Up to date (running 1.0.0, latest 0.9)."_s},
+                                  kPatienceMs);
     }
     QCOMPARE(server.requests().size(), 3);
     QVERIFY(isNow(TestJobs::stored().lastUpdateCheck));
+}
+
+void TestUpdateFlow::oneAskedMeanwhileIsNotAskedAgain()
+{
+    HttpTestServer server;
+    server.setAnswer(HttpAnswer::raw("HTTP/1.1 200 OK\r\n", HttpAnswer::End::Silence));
+    AppSettings settings;
+    settings.updateEndpoint = server.url().toString();
+    store(settings);
+    const UpdateWindow window;
+    window.check();
+    QTRY_COMPARE_WITH_TIMEOUT(server.requests().size(), 1, kPatienceMs);
+    auto *timer = window.findChild<QTimer *>(u"updateTimer"_s);
+    QSignalSpy due(timer, &QTimer::timeout);
+    timer->start(0);
+    QTRY_COMPARE_WITH_TIMEOUT(due.size(), 1, kPatienceMs);
+    QCOMPARE(window.log(), QStringList{u"Checking for updates..."_s});
+    const MessageBoxAnswer ok(u"OK"_s);
+    server.say("Content-Length: 2\r\n\r\n{}");
+    QTRY_VERIFY_WITH_TIMEOUT(ok.hasCome(), kPatienceMs);
+    QTRY_COMPARE(window.log().size(), 2);
+    QCOMPARE(server.requests().size(), 1);
 }
 
 void TestUpdateFlow::askedByHandItAlwaysAsks()
@@ -220,6 +243,12 @@ void TestUpdateFlow::anAddressOfBlanksIsTheBuiltInOne()
         dialog->reject();
     });
     window.invoke("onUpdateEndpoint");
+    const DialogVisit again(kEndpointBox, [](QDialog *dialog) {
+        dialog->findChild<QLineEdit *>()->setText(u" "_s);
+        dialog->accept();
+    });
+    window.invoke("onUpdateEndpoint");
+    QCOMPARE(window.log(), QStringList{u"Update endpoint set to %1."_s.arg(shown)});
     QVERIFY2(shown.startsWith(u"https://"_s) && shown.endsWith(u"/api/latest.json"_s), qPrintable(shown));
 }
 
@@ -253,6 +282,15 @@ void TestUpdateFlow::nothingNewer()
         QCOMPARE(ok->text(), u"You are running the latest version (1.0.0)."_s);
         QCOMPARE(ok->icon(), QMessageBox::Information);
     }
+}
+
+void TestUpdateFlow::theRunningVersionIsTheApplications()
+{
+    QCoreApplication::setApplicationVersion(u"2.5"_s);
+    const auto putBack = qScopeGuard([] { QCoreApplication::setApplicationVersion(u"1.0.0"_s); });
+    UpdateWindow window;
+    window.find(offer(u"2.4"_s), false);
+    QCOMPARE(window.log(), QStringList{u"Up to date (running 2.5, latest 2.4)."_s});
 }
 
 void TestUpdateFlow::whatIsOffered_data()
@@ -301,6 +339,11 @@ void TestUpdateFlow::whatIsOffered()
             QCOMPARE(dialog->parentWidget(), &window);
             QVERIFY(isNow(TestJobs::stored().lastUpdateCheck)); // noted before anybody answers
             line = window.lastLine();
+            QStringList texts;
+            for (const auto *label : dialog->findChildren<QLabel *>())
+                texts += label->text();
+            QVERIFY2(texts.contains(u"Version %1  (you have 1.0.0)"_s.arg(version)),
+                     qPrintable(texts.join(u'|')));
             for (const auto *button : dialog->findChildren<QPushButton *>())
                 buttons += button->text();
             QTest::keyClick(dialog, Qt::Key_Escape);
@@ -384,18 +427,28 @@ void TestUpdateFlow::aCheckThatFails()
 {
     QFETCH(const bool, manual);
     UpdateWindow window;
-    std::optional<MessageBoxAnswer> ok;
-    if (manual)
-        ok.emplace(u"OK"_s);
+    std::optional<DialogVisit> visit;
+    if (manual) {
+        // Noted before anybody answers.
+        visit.emplace(u"Kelpwharf"_s, [](QDialog *box) {
+            QVERIFY(isNow(TestJobs::stored().lastUpdateCheck));
+            clickButton(box, u"OK"_s);
+        });
+    }
     window.fail(u"<i>%1</i>"_s, manual);
     QCOMPARE(window.log(), QStringList{u"Update check failed: <i>%1</i>"_s});
     QCOMPARE(window.lastColour(), manual ? kError : kDim);
     QVERIFY(isNow(TestJobs::stored().lastUpdateCheck));
-    if (manual) {
-        QCOMPARE(ok->title(), u"Kelpwharf"_s);
-        QCOMPARE(ok->text(), u"Could not check for updates.\n\n<i>%1</i>"_s);
-        QCOMPARE(ok->icon(), QMessageBox::Warning);
-    }
+}
+
+void TestUpdateFlow::aCheckThatFailsByHandIsTold()
+{
+    UpdateWindow window;
+    const MessageBoxAnswer ok(u"OK"_s);
+    window.fail(u"<i>%1</i>"_s, true);
+    QCOMPARE(ok.title(), u"Kelpwharf"_s);
+    QCOMPARE(ok.text(), u"Could not check for updates.\n\n<i>%1</i>"_s);
+    QCOMPARE(ok.icon(), QMessageBox::Warning);
 }
 
 void TestUpdateFlow::aServerThatAnswersBadlyIsTold()

@@ -869,10 +869,14 @@ void MainWindow::wireUpdates()
     if (!settings.checkForUpdates ||
         !isUpdateCheckDue(settings.lastUpdateCheck, QDateTime::currentDateTime()))
         return;
-    QTimer::singleShot(kUpdateCheckMs, this, [this] {
+    auto *timer = new QTimer(this);
+    timer->setObjectName("updateTimer"_L1);
+    timer->setSingleShot(true);
+    connect(timer, &QTimer::timeout, this, [this] {
         if (!updateChecker->isBusy())
             updateChecker->check(updateEndpointUrl(), false);
     });
+    timer->start(kUpdateCheckMs);
 }
 
 QUrl MainWindow::updateEndpointUrl() const

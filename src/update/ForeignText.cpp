@@ -9,7 +9,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr qsizetype kLineLength = 100;
-constexpr qsizetype kTextLength = 100000; ///< the time for a single word grows with its square
+constexpr qsizetype kTextLength = 20000; ///< the time to lay out a single word grows with its square
 constexpr QChar kEllipsis = u'\u2026';
 
 QString cut(const QString &text, qsizetype length)

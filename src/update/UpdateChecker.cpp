@@ -19,7 +19,8 @@ namespace {
 constexpr int kTransferTimeoutMs = 15000;
 constexpr int kHttpOk = 200;
 constexpr int kFirstHttpError = 400;
-constexpr qsizetype kLongestPart = 1000; ///< of a version; reading millions of digits takes seconds
+constexpr qsizetype kLongestVersion = 1000; ///< it is remembered when it is skipped
+constexpr qsizetype kLongestPart = 1000;    ///< of a version; reading millions of digits takes seconds
 
 const QString kProgram = u"Kelpwharf"_s;
 const QString kVersion = QStringLiteral(KELPWHARF_VERSION);
@@ -36,7 +37,7 @@ int takePart(QStringView *version)
 UpdateInfo infoFrom(const QJsonObject &answer)
 {
     UpdateInfo info;
-    info.latestVersion = answer["latest_version"_L1].toString();
+    info.latestVersion = answer["latest_version"_L1].toString().left(kLongestVersion);
     info.releaseDate = answer["release_date"_L1].toString();
     info.downloadUrl = answer["download_url"_L1].toString();
     info.notesUrl = answer["notes_url"_L1].toString();
@@ -71,6 +72,9 @@ void UpdateChecker::check(const QUrl &endpoint, bool isManual)
     request.setHeader(QNetworkRequest::UserAgentHeader, u"%1/%2"_s.arg(kProgram, kVersion));
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
     request.setTransferTimeout(kTransferTimeoutMs);
+    // The service has no business with knowing a program again.
+    request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
+    request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
     reply = manager->get(request);
     connect(reply, &QNetworkReply::finished, this, &UpdateChecker::onReplyFinished);
 }
@@ -83,8 +87,9 @@ void UpdateChecker::onReplyFinished()
     ended->deleteLater();
 
     const int status = ended->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    // Qt counts a status such as 404 among the network errors. Whoever sends one has been reached.
-    if (ended->error() != QNetworkReply::NoError && status < kFirstHttpError) {
+    // Qt counts a status such as 404 among the errors, from here on. Whoever sends one has been reached.
+    const bool isStatus = ended->error() >= QNetworkReply::ContentAccessDenied && status >= kFirstHttpError;
+    if (ended->error() != QNetworkReply::NoError && !isStatus) {
         emit failed(tr("Could not reach the update service: %1").arg(ended->errorString()), manual);
         return;
     }
