@@ -1,6 +1,7 @@
 #include "support/FileTree.h"
 #include "support/FtpTreeServer.h"
 #include "support/LocalFolder.h"
+#include "support/RefusedPort.h"
 #include "support/SlowDownload.h"
 #include "support/TestSettings.h"
 #include "support/TestWindow.h"
@@ -170,10 +171,8 @@ void TestEndToEnd::autoMirrorsBothJobs()
 
 void TestEndToEnd::aServerThatIsNotThereIsAProblem()
 {
-    QTcpServer taken; // and let go again, so nobody listens
-    QVERIFY(taken.listen(QHostAddress::LocalHost));
-    const quint16 port = taken.serverPort();
-    taken.close();
+    const RefusedPort refused;
+    const quint16 port = refused.number();
     FtpTreeServer server(twoFolders());
     const LocalFolder music;
     const LocalFolder texts;

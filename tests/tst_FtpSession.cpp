@@ -1,4 +1,5 @@
 #include "support/FtpScriptServer.h"
+#include "support/RefusedPort.h"
 #include "support/TestClient.h"
 
 #include <QElapsedTimer>
@@ -242,10 +243,8 @@ void TestFtpSession::aGreetingMayHaveSeveralLines()
 
 void TestFtpSession::nobodyListens()
 {
-    QTcpServer listener;
-    QVERIFY(listener.listen(QHostAddress::LocalHost));
-    const quint16 port = listener.serverPort();
-    listener.close();
+    const RefusedPort refused;
+    const quint16 port = refused.number();
     TestClient client;
     QVERIFY(!client.connectAndLogin(u"127.0.0.1"_s, port, u"kim"_s, u"secret"_s));
     QCOMPARE(client.lastError(), u"Cannot connect to 127.0.0.1:%1 (Connection refused)"_s.arg(port));
@@ -281,13 +280,11 @@ void TestFtpSession::noProxyIsAsked()
 #ifdef Q_OS_WIN
     QSKIP("There is no other way to name this host here, and 127.0.0.1 is never looked for at a proxy.");
 #endif
-    QTcpServer nobody;
-    QVERIFY(nobody.listen(QHostAddress::LocalHost));
-    const quint16 deadPort = nobody.serverPort();
-    nobody.close();
+    const RefusedPort refused;
     FtpScriptServer server(FtpScript().login());
     TestClient client;
-    QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::Socks5Proxy, u"127.0.0.1"_s, deadPort));
+    QNetworkProxy::setApplicationProxy(
+        QNetworkProxy(QNetworkProxy::Socks5Proxy, u"127.0.0.1"_s, refused.number()));
     const auto restore = qScopeGuard([] { QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy); });
     QVERIFY2(client.connectAndLogin(u"0.0.0.0"_s, server.port(), u"kim"_s, u"secret"_s),
              qPrintable(client.lastError()));

@@ -3,6 +3,7 @@
 #include "support/FtpTreeServer.h"
 #include "support/LocalFolder.h"
 #include "support/RecordedWorker.h"
+#include "support/RefusedPort.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -353,15 +354,10 @@ void TestMirrorWorker::aFailedLoginEndsTheRun()
 
 void TestMirrorWorker::aRefusedConnectionEndsTheRun()
 {
-    quint16 freePort = 0;
-    {
-        QTcpServer listener;
-        QVERIFY(listener.listen(QHostAddress::LocalHost));
-        freePort = listener.serverPort();
-    }
+    const RefusedPort refused;
     LocalFolder local;
     RecordedWorker recorded(local.path());
-    recorded.config.port = freePort;
+    recorded.config.port = refused.number();
     const QString message = u"Cannot connect to 127.0.0.1:PORT (Connection refused)"_s;
     recorded.run();
     QCOMPARE(recorded.eventsOf({u"status"_s, u"finished"_s}),

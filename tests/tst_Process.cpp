@@ -2,6 +2,7 @@
 #include "support/FtpScriptServer.h"
 #include "support/FtpTreeServer.h"
 #include "support/LocalFolder.h"
+#include "support/RefusedPort.h"
 #include "support/SlowDownload.h"
 #include "support/TestWindow.h"
 
@@ -390,10 +391,8 @@ void TestProcess::aFolderInPlaceOfTheSettings()
 
 void TestProcess::twoCopiesShareTheSettings()
 {
-    QTcpServer gone;
-    QVERIFY(gone.listen(QHostAddress::LocalHost));
-    SyncJob restless = job(u"restless"_s, gone.serverPort(), u"/pub"_s, QString());
-    gone.close();
+    const RefusedPort refused;
+    SyncJob restless = job(u"restless"_s, refused.number(), u"/pub"_s, QString());
     const LocalFolder local;
     restless.config.localDir = local.path();
     restless.intervalMins = 0; // runs, fails and is saved at each tick, in both copies

@@ -1,5 +1,6 @@
 #include "support/HttpTestServer.h"
 #include "support/MarkingTranslator.h"
+#include "support/RefusedPort.h"
 #include "support/TestSettings.h"
 #include "update/UpdateChecker.h"
 
@@ -166,6 +167,7 @@ private slots:
     void connectionsThatFail();
     void aBrokenChunkIsAFailure();
     void nobodyListens();
+    void silenceEndsInATimeOut_data();
     void silenceEndsInATimeOut();
 
     void redirectsAreFollowed_data();
@@ -516,8 +518,6 @@ void TestUpdateChecker::connectionsThatFail_data()
     row("closed behind the head", head);
     row("closed within the body", head + kGoodBody);
     row("broken off within the body", head + kGoodBody, HttpAnswer::End::Reset);
-    const QByteArray missing = "HTTP/1.1 404 Not Found\r\nContent-Length: 1000\r\n\r\n";
-    row("closed within the body of a 404", missing + kGoodBody);
     row("redirected to nowhere", "HTTP/1.1 302 Found\r\nContent-Length: 0\r\n\r\n");
     row("another protocol", "220 ready when you are\r\n");
 }
@@ -545,20 +545,26 @@ void TestUpdateChecker::aBrokenChunkIsAFailure()
 
 void TestUpdateChecker::nobodyListens()
 {
-    QUrl nowhere;
-    {
-        const HttpTestServer server;
-        nowhere = server.url();
-    }
+    const RefusedPort refused;
+    QUrl nowhere(u"http://127.0.0.1:%1/"_s.arg(refused.number()));
     QCOMPARE(outcomeOf(nowhere).reason, QString(kUnreachable + u"Connection refused"_s));
     nowhere.setScheme(u"gopher"_s);
     QCOMPARE(outcomeOf(nowhere).reason, QString(kUnreachable + u"Protocol \"gopher\" is unknown"_s));
 }
 
+void TestUpdateChecker::silenceEndsInATimeOut_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::newRow("in the head") << QByteArray("HTTP/1.1 200 OK\r\n");
+    QTest::newRow("in the body of a 404")
+        << QByteArray("HTTP/1.1 404 Not Found\r\nContent-Length: 1000\r\n\r\n" + kGoodBody);
+}
+
 void TestUpdateChecker::silenceEndsInATimeOut()
 {
+    QFETCH(const QByteArray, bytes);
     HttpTestServer server;
-    server.setAnswer(HttpAnswer::raw("HTTP/1.1 200 OK\r\n", HttpAnswer::End::Silence));
+    server.setAnswer(HttpAnswer::raw(bytes, HttpAnswer::End::Silence));
     ObservedChecker checker;
     checker->check(server.url(), true);
     QTRY_COMPARE(server.requests().size(), 1);

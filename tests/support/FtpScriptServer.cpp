@@ -1,5 +1,7 @@
 #include "support/FtpScriptServer.h"
 
+#include "support/RefusedPort.h"
+
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QHostAddress>
@@ -111,6 +113,7 @@ private:
     QString say(QByteArray text);
     QString onlyQuit(bool untilGone);
     QString listenForData(bool dead);
+    QString refuseData();
     QString playData(const Step &step);
     QString breakTls();
     QString closeData(FtpScript::End end);
@@ -134,6 +137,7 @@ private:
     QByteArray input;   ///< received and not taken as a line yet
     int packetSize = 0; ///< of the next reply; 0 for a single packet
     std::unique_ptr<Listener> dataListener;
+    std::unique_ptr<RefusedPort> refusedPort;
     std::unique_ptr<QSslSocket> filler; ///< fills the queue of a dead port
     std::unique_ptr<QSslSocket> data;
     int dataPacketSize = 0;
@@ -201,9 +205,7 @@ QString ScriptedSession::play(const Step &step)
     case Step::PassiveDead:
         return listenForData(true);
     case Step::PassiveRefused:
-        listenForData(false);
-        dataListener->close();
-        return {};
+        return refuseData();
     case Step::DataFragment:
         dataPacketSize = step.number;
         return {};
@@ -395,6 +397,15 @@ QString ScriptedSession::listenForData(bool dead)
     filler->setProxy(QNetworkProxy::NoProxy);
     filler->connectToHost(QHostAddress(QHostAddress::LocalHost), dataListener->serverPort());
     return filler->waitForConnected(kPatienceMs) ? QString() : u"the dead port takes nobody at all"_s;
+}
+
+QString ScriptedSession::refuseData()
+{
+    data.reset();
+    dataListener.reset();
+    refusedPort = std::make_unique<RefusedPort>();
+    record.dataPorts += refusedPort->number();
+    return {};
 }
 
 bool ScriptedSession::openData()
