@@ -47,6 +47,7 @@ constexpr int kCloseWaitMs = 5000;
 constexpr int kTrayHintMs = 4000;
 constexpr int kTrayWarningMs = 8000;
 constexpr int kLogLines = 5000;
+constexpr int kLinesATurn = 100; ///< of the worker's; they take some milliseconds to show
 constexpr QSize kDefaultSize(880, 760);
 
 const QString kBuiltInEndpoint = QStringLiteral(KELPWHARF_UPDATE_URL);
@@ -213,6 +214,13 @@ void MainWindow::buildLog()
     logView->setMaximumBlockCount(kLogLines);
     logView->setFrameShape(QFrame::NoFrame);
     logView->setMinimumHeight(120);
+    logTimer = new QTimer(this);
+    logTimer->setObjectName("logTimer"_L1);
+    logTimer->setSingleShot(true);
+    connect(logTimer, &QTimer::timeout, this, [this] {
+        linesThisTurn = 0;
+        showWaitingLines();
+    });
     QFont font(u"Consolas"_s, 9);
     font.setStyleHint(QFont::Monospace);
     logView->setFont(font);
@@ -350,14 +358,47 @@ void MainWindow::stopWorker()
 
 void MainWindow::appendLog(const QString &message, int level)
 {
-    logView->appendHtml(logLineHtml(QDateTime::currentDateTime(), message, level));
-    logView->verticalScrollBar()->setValue(logView->verticalScrollBar()->maximum());
+    if (waitingLines.isEmpty())
+        showLine({QDateTime::currentDateTime(), message, level});
+    else
+        queueLog(message, level); // to come in its turn
 }
 
 void MainWindow::onWorkerLog(const QString &message, int level)
 {
-    if (level != LogProtocol || settings.verbose)
+    if (level == LogProtocol && !settings.verbose)
+        return;
+    if (sender() == worker)
+        queueLog(message, level);
+    else
         appendLog(message, level);
+}
+
+/**
+ * The worker can say more than the window can show, and as long as it goes on, its queued signals
+ * would leave no time for anything else. So what is above the measure of a turn waits for the next
+ * one; of what waits, those lines are given up that would be pushed out of the view at once.
+ */
+void MainWindow::queueLog(const QString &message, int level)
+{
+    waitingLines.append({QDateTime::currentDateTime(), message, level});
+    if (waitingLines.size() > kLogLines)
+        waitingLines.removeFirst();
+    showWaitingLines();
+}
+
+void MainWindow::showWaitingLines()
+{
+    for (; !waitingLines.isEmpty() && linesThisTurn < kLinesATurn; ++linesThisTurn)
+        showLine(waitingLines.takeFirst());
+    if (linesThisTurn > 0 && !logTimer->isActive())
+        logTimer->start();
+}
+
+void MainWindow::showLine(const WaitingLine &line)
+{
+    logView->appendHtml(logLineHtml(line.when, line.message, line.level));
+    logView->verticalScrollBar()->setValue(logView->verticalScrollBar()->maximum());
 }
 
 // Job table

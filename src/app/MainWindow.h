@@ -85,7 +85,18 @@ private:
     void bringUp();
     void onTrayActivated(int reason);
 
+    /** A line that has come and is not shown yet. */
+    struct WaitingLine
+    {
+        QDateTime when;
+        QString message;
+        int level;
+    };
+
     void appendLog(const QString &message, int level);
+    void queueLog(const QString &message, int level);
+    void showWaitingLines();
+    void showLine(const WaitingLine &line);
 
     void refreshTable();
     void refreshRow(int row);
@@ -128,8 +139,11 @@ private:
     QAction *runOnStartAction = nullptr;
     QSystemTrayIcon *tray = nullptr; ///< null on a desktop without one
     QThread *workerThread = nullptr;
-    MirrorWorker *worker = nullptr; ///< goes with its thread; null once closing has begun
-    QTimer *tickTimer = nullptr;    ///< runs while AUTO is on
+    MirrorWorker *worker = nullptr;       ///< goes with its thread; null once closing has begun
+    QTimer *tickTimer = nullptr;          ///< runs while AUTO is on
+    QTimer *logTimer = nullptr;           ///< ends a turn of the event loop, for the log
+    QList<WaitingLine> waitingLines = {}; ///< oldest first
+    int linesThisTurn = 0;                ///< shown of the worker's
     AppSettings settings = {};
     QList<int> queue = {};      ///< rows that wait to run, oldest first
     int runningIndex = -1;      ///< row of the job in the worker, or -1

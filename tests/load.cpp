@@ -1,0 +1,166 @@
+// Puts the whole program under load and says what it took: kelpwharf_load. No test, since times decide
+// nothing there; tools/load runs it. It fails only if something was lost.
+
+#include "support/RealServer.h"
+#include "support/RefusedPort.h"
+#include "support/TestSettings.h"
+#include "support/TestWindow.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QPlainTextEdit>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTimer>
+
+#include <algorithm>
+#include <cstdio>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kPatienceMs = 3600 * 1000;
+constexpr int kSampleMs = 100;
+constexpr int kPulseMs = 5;
+
+qint64 memoryKb()
+{
+    QFile status(u"/proc/self/status"_s);
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').first().toLongLong();
+    }
+    return -1;
+}
+
+/** Watches the GUI thread's pulse, and the memory of the process. */
+class Watch : public QObject
+{
+public:
+    Watch()
+    {
+        pulse.setTimerType(Qt::PreciseTimer);
+        connect(&pulse, &QTimer::timeout, this,
+                [this] { longestMs = std::max(longestMs, sincePulse.restart()); });
+        connect(&sample, &QTimer::timeout, this, [this] { kilobytes += memoryKb(); });
+        sincePulse.start();
+        total.start();
+        pulse.start(kPulseMs);
+        sample.start(kSampleMs);
+        kilobytes += memoryKb();
+    }
+
+    void report(const char *what, qsizetype logLines)
+    {
+        kilobytes += memoryKb();
+        // A tenth of the way in, everything that is needed once is there.
+        const qsizetype settled = kilobytes.size() / 10;
+        std::printf("%-34s %7.1f s   MiB: start %5.1f, settled %5.1f, most %5.1f, end %5.1f   "
+                    "longest delay %4lld ms   log lines shown %lld\n",
+                    what, static_cast<double>(total.elapsed()) / 1000.0, mib(kilobytes.first()),
+                    mib(kilobytes.at(settled)), mib(*std::max_element(kilobytes.cbegin(), kilobytes.cend())),
+                    mib(kilobytes.last()), static_cast<long long>(longestMs - kPulseMs),
+                    static_cast<long long>(logLines));
+        std::fflush(stdout);
+    }
+
+private:
+    static double mib(qint64 kb) { return static_cast<double>(kb) / 1024.0; }
+
+    QTimer pulse;
+    QTimer sample;
+    QElapsedTimer sincePulse;
+    QElapsedTimer total;
+    qint64 longestMs = 0;
+    QList<qint64> kilobytes;
+};
+
+void require(bool condition, const QString &what)
+{
+    if (!condition)
+        qFatal("%s", qPrintable(what));
+}
+
+void makeFiles(const QString &root, int folders, int filesEach, qint64 size)
+{
+    for (int folder = 0; folder < folders; ++folder) {
+        const QString path = folders == 1 ? root : root + u"/folder %1"_s.arg(folder);
+        require(QDir().mkpath(path), path);
+        for (int i = 0; i < filesEach; ++i) {
+            QFile file(path + u"/file %1.bin"_s.arg(i));
+            require(file.open(QIODevice::WriteOnly) && file.resize(size), file.fileName());
+        }
+    }
+}
+
+/** Runs the only job twice, the second time with nothing to do; `files` must be there then. */
+void mirror(const char *what, int folders, int filesEach, qint64 size, bool verbose)
+{
+    RealServer server(filesEach > 10000 ? RealServer::Pyftpdlib
+                                        : RealServer::PureFtpd); // which lists no more
+    require(server.problem().isEmpty(), server.problem());
+    makeFiles(server.root(), folders, filesEach, size);
+    const QTemporaryDir local;
+    SyncJob job;
+    job.name = u"load"_s;
+    job.config = server.job(local.path());
+    TestJobs::store({job}, {.verbose = verbose});
+    TestWindow window;
+    window.show();
+    for (const char *round : {"", ", nothing to do"}) {
+        Watch watch;
+        window.press("syncButton");
+        require(QTest::qWaitFor([&] { return window.status() == u"Idle"_s; }, kPatienceMs), window.status());
+        watch.report(qPrintable(QLatin1String(what) + QLatin1String(round)),
+                     window.part<QPlainTextEdit>("logView")->blockCount());
+        const bool isFirst = *round == '\0';
+        const QString count = QString::number(folders * filesEach);
+        const QString expected = isFirst ? count + u" NEW · 0 SAME · 0 DEL · 0 FAIL"_s
+                                         : u"0 NEW · "_s + count + u" SAME · 0 DEL · 0 FAIL"_s;
+        require(window.cell(0, LastResultColumn).contains(expected), window.cell(0, LastResultColumn));
+    }
+}
+
+void manyJobs()
+{
+    const RefusedPort refused;
+    QList<SyncJob> jobs;
+    const QTemporaryDir local;
+    for (int i = 0; i < 500; ++i) {
+        SyncJob job = TestJobs::weekly(u"job %1"_s.arg(i));
+        job.config.port = refused.number();
+        job.config.localDir = local.filePath(job.name);
+        jobs += job;
+    }
+    TestJobs::store(jobs);
+    TestWindow window;
+    window.show();
+    Watch watch;
+    window.part<QCheckBox>("autoCheck")->setChecked(true);
+    window.choose(u"Kelpwharf"_s, u"Sync &All Jobs Now"_s);
+    require(QTest::qWaitFor([&] { return window.status() == u"Idle"_s; }, kPatienceMs), window.status());
+    watch.report("500 jobs, each refused", window.part<QPlainTextEdit>("logView")->blockCount());
+    for (const SyncJob &job : TestJobs::stored().jobs)
+        require(job.lastRun.isValid() && !job.lastOk, job.name);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    const TestSettings settings;
+    QApplication application(argc, argv);
+    TestWindow::setIdentity();
+    mirror("20,000 files of 1 KiB", 200, 100, 1024, false);
+    mirror("the same, protocol shown", 200, 100, 1024, true);
+    mirror("50,000 files in one folder", 1, 50000, 0, false);
+    mirror("one file of 8 GiB", 1, 1, Q_INT64_C(8) << 30, false);
+    manyJobs();
+    return 0;
+}
