@@ -1,17 +1,12 @@
 #include "support/FtpScriptServer.h"
 
 #include "support/RefusedPort.h"
+#include "support/TlsListener.h"
 
 #include <QDeadlineTimer>
-#include <QFile>
 #include <QHostAddress>
 #include <QNetworkProxy>
-#include <QProcess>
-#include <QSslCertificate>
 #include <QSslConfiguration>
-#include <QSslKey>
-#include <QTcpServer>
-#include <QTemporaryDir>
 #include <QThread>
 
 #include <memory>
@@ -30,68 +25,6 @@ constexpr int kPatienceMs = 20000; // for a client that ought to do something
 constexpr int kGraceMs = 1500;     // the same once the test is over
 constexpr int kSliceMs = 5;
 constexpr int kPacketPauseMs = 2; // keeps what is sent before and after in packets of their own
-
-/** With a certificate that no client has a reason to trust, made once for the whole test program. */
-const QSslConfiguration &serverTls()
-{
-    static const QSslConfiguration made = [] {
-        const QTemporaryDir folder;
-        QFile key(folder.filePath(u"key.pem"_s));
-        QFile certificate(folder.filePath(u"certificate.pem"_s));
-        QProcess openssl;
-        openssl.start(u"openssl"_s, {u"req"_s, u"-x509"_s, u"-newkey"_s, u"ec"_s, u"-pkeyopt"_s,
-                                     u"ec_paramgen_curve:prime256v1"_s, u"-nodes"_s, u"-keyout"_s,
-                                     key.fileName(), u"-out"_s, certificate.fileName(), u"-days"_s, u"2"_s,
-                                     u"-subj"_s, u"/CN=localhost"_s});
-        if (!openssl.waitForFinished() || !key.open(QIODevice::ReadOnly) ||
-            !certificate.open(QIODevice::ReadOnly))
-            qFatal("openssl made no certificate: %s", openssl.readAllStandardError().constData());
-        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-        configuration.setPrivateKey(QSslKey(&key, QSsl::Ec));
-        configuration.setLocalCertificate(QSslCertificate(&certificate));
-        configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
-        return configuration;
-    }();
-    return made;
-}
-
-/** Whether the peer has closed; after a closing alert the state alone does not say so. */
-bool hasGone(const QSslSocket &socket)
-{
-    return socket.state() != QAbstractSocket::ConnectedState ||
-           socket.error() == QAbstractSocket::RemoteHostClosedError;
-}
-
-/** Listens on a free port and hands out sockets that can do TLS. */
-class Listener : public QTcpServer
-{
-public:
-    explicit Listener(const QSslConfiguration &configuration) : tls(configuration)
-    {
-        setProxy(QNetworkProxy::NoProxy);
-    }
-
-    std::unique_ptr<QSslSocket> take()
-    {
-        auto *socket = static_cast<QSslSocket *>(nextPendingConnection());
-        if (socket)
-            socket->setParent(nullptr);
-        return std::unique_ptr<QSslSocket>(socket);
-    }
-
-protected:
-    void incomingConnection(qintptr descriptor) override
-    {
-        auto *socket = new QSslSocket(this);
-        socket->setSocketDescriptor(descriptor);
-        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-        socket->setSslConfiguration(tls);
-        addPendingConnection(socket);
-    }
-
-private:
-    QSslConfiguration tls;
-};
 
 } // namespace
 
@@ -132,12 +65,12 @@ private:
 
     const std::atomic<bool> *finishing;
     QSslConfiguration tls;
-    Listener controls;
+    TlsListener controls;
     std::unique_ptr<QSslSocket> control;
     QByteArray input;   ///< received and not taken as a line yet
     int packetSize = 0; ///< of the next reply; 0 for a single packet
-    std::unique_ptr<Listener> dataListener;
     std::unique_ptr<RefusedPort> refusedPort;
+    std::unique_ptr<TlsListener> dataListener;
     std::unique_ptr<QSslSocket> filler; ///< fills the queue of a dead port
     std::unique_ptr<QSslSocket> data;
     int dataPacketSize = 0;
@@ -384,7 +317,7 @@ QString ScriptedSession::listenForData(bool dead)
 {
     data.reset();
     filler.reset();
-    dataListener = std::make_unique<Listener>(tls);
+    dataListener = std::make_unique<TlsListener>(tls);
     if (dead)
         dataListener->setListenBacklogSize(0);
     if (!dataListener->listen(QHostAddress::LocalHost))

@@ -1,10 +1,10 @@
 #include "support/FtpTreeServer.h"
 
+#include "support/TlsListener.h"
+
 #include <QDeadlineTimer>
 #include <QHash>
 #include <QHostAddress>
-#include <QTcpServer>
-#include <QTcpSocket>
 
 #include <memory>
 #include <utility>
@@ -137,6 +137,7 @@ private:
     bool serve(const QByteArray &line);
     bool answer(const QByteArray &line);
     bool changeFolder(const QByteArray &path);
+    bool secureControl();
     bool enterPassive(bool extended);
     bool transfer(const QByteArray &bytes);
     bool sendData(const QByteArray &bytes);
@@ -150,27 +151,30 @@ private:
     template <typename Attempt>
     bool await(Attempt attempt) const;
     bool say(const QByteArray &bytes);
-    static bool hasGone(const QTcpSocket &peer) { return peer.state() != QAbstractSocket::ConnectedState; }
-    void hangUp(QTcpSocket *peer) const;
+    bool write(QSslSocket *peer, const QByteArray &bytes) const;
+    bool encrypt(QSslSocket *peer) const;
+    void hangUp(QSslSocket *peer) const;
 
     FtpTreeServer *server;
     const RemoteTree tree;
     const FtpTreeOptions options;
     QHash<QByteArray, RemoteEntry> files; ///< by path
 
-    QTcpServer controls;
-    std::unique_ptr<QTcpSocket> control;
-    std::unique_ptr<QTcpServer> passive;
-    std::unique_ptr<QTcpSocket> data;
+    TlsListener controls;
+    std::unique_ptr<QSslSocket> control;
+    std::unique_ptr<TlsListener> passive;
+    std::unique_ptr<QSslSocket> data;
     QByteArray folder;                ///< the working directory
     QByteArray command;               ///< that is being served; empty for the greeting
     int number = 0;                   ///< of that command in its session
     QHash<QByteArray, int> timesSeen; ///< of commands in this session
     bool isSilent = false;
+    bool isDataProtected = false;
 };
 
 TreeSession::TreeSession(FtpTreeServer *owner, const RemoteTree &remoteTree, const FtpTreeOptions &wishes) :
-    server(owner), tree(remoteTree), options(wishes)
+    server(owner), tree(remoteTree), options(wishes),
+    controls(wishes.hasTls ? serverTls() : QSslConfiguration())
 {
     for (auto place = tree.cbegin(); place != tree.cend(); ++place) {
         for (const RemoteEntry &entry : place.value()) {
@@ -187,9 +191,7 @@ void TreeSession::serveAll()
     for (;;) {
         const bool isLastLook = server->finishing;
         if (controls.hasPendingConnections() || controls.waitForNewConnection(isLastLook ? 0 : kSliceMs)) {
-            control.reset(controls.nextPendingConnection());
-            control->setParent(nullptr);
-            control->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+            control = controls.take();
             serveSession();
             hangUp(control.get());
             data.reset();
@@ -206,6 +208,7 @@ void TreeSession::serveSession()
     number = 0;
     timesSeen.clear();
     isSilent = false;
+    isDataProtected = false;
     {
         const std::lock_guard locked(server->guard);
         ++server->record.sessions;
@@ -265,6 +268,14 @@ bool TreeSession::answer(const QByteArray &line)
                    (options.listing == FtpTreeOptions::Mlsd ? " MLSD\r\n" : "") +
                    (options.hasMdtm ? " MDTM\r\n" : "") + "211 no more\r\n");
     }
+    if (verb == "AUTH" && options.hasTls)
+        return secureControl();
+    if (verb == "PBSZ" && options.hasTls)
+        return say("200 as you wish\r\n");
+    if (verb == "PROT" && options.hasTls) {
+        isDataProtected = true;
+        return say("200 protected\r\n");
+    }
     if (verb == "CWD")
         return changeFolder(argument);
     if (verb == "EPSV" || verb == "PASV")
@@ -290,13 +301,15 @@ bool TreeSession::changeFolder(const QByteArray &path)
     return say("250 here\r\n");
 }
 
+bool TreeSession::secureControl() { return say("234 go ahead\r\n") && encrypt(control.get()); }
+
 bool TreeSession::enterPassive(bool extended)
 {
     data.reset();
-    passive = std::make_unique<QTcpServer>();
+    passive = std::make_unique<TlsListener>(options.hasTls ? serverTls() : QSslConfiguration());
     if (!passive->listen(QHostAddress::LocalHost))
         qFatal("cannot listen on 127.0.0.1");
-    const quint16 port = passive->serverPort();
+    const quint16 port = options.toldPort ? options.toldPort(passive->serverPort()) : passive->serverPort();
     if (extended)
         return say("229 passive (|||" + QByteArray::number(port) + "|)\r\n");
     return say("227 passive (127,0,0,1," + QByteArray::number(port / 256) + ',' +
@@ -311,10 +324,11 @@ bool TreeSession::transfer(const QByteArray &bytes)
                       });
     if (!came || hasGone(*control))
         return say("425 no data connection\r\n");
-    data.reset(passive->nextPendingConnection());
-    data->setParent(nullptr);
+    data = passive->take();
     if (!say("150 coming\r\n"))
         return false;
+    if (isDataProtected)
+        encrypt(data.get()); // a client that would not have it has gone, which shows in what follows
     qsizetype sent = 0;
     for (const Fault &fault : faultsAt(Moment::Data)) {
         const qsizetype until = fault.offset < 0 ? bytes.size() / 2 : fault.offset;
@@ -338,13 +352,7 @@ bool TreeSession::transfer(const QByteArray &bytes)
 bool TreeSession::sendData(const QByteArray &bytes)
 {
     for (qsizetype sent = 0; sent < bytes.size(); sent += kChunkBytes) {
-        data->write(bytes.mid(sent, kChunkBytes));
-        const bool settled = await([this] {
-            if (data->bytesToWrite() > 0)
-                data->waitForBytesWritten(kSliceMs);
-            return data->bytesToWrite() == 0 || hasGone(*data);
-        });
-        if (!settled || hasGone(*data))
+        if (!write(data.get(), bytes.mid(sent, kChunkBytes)))
             return false;
     }
     return true;
@@ -417,18 +425,29 @@ bool TreeSession::await(Attempt attempt) const
     return true;
 }
 
-bool TreeSession::say(const QByteArray &bytes)
+bool TreeSession::say(const QByteArray &bytes) { return write(control.get(), bytes); }
+
+/** False if the peer has gone. */
+bool TreeSession::write(QSslSocket *peer, const QByteArray &bytes) const
 {
-    control->write(bytes);
-    const bool settled = await([this] {
-        if (control->bytesToWrite() > 0)
-            control->waitForBytesWritten(kSliceMs);
-        return control->bytesToWrite() == 0 || hasGone(*control);
+    const auto isPending = [peer] { return peer->bytesToWrite() > 0 || peer->encryptedBytesToWrite() > 0; };
+    peer->write(bytes);
+    const bool settled = await([peer, isPending] {
+        if (isPending())
+            peer->waitForBytesWritten(kSliceMs);
+        return !isPending() || hasGone(*peer);
     });
-    return settled && !hasGone(*control);
+    return settled && !hasGone(*peer);
 }
 
-void TreeSession::hangUp(QTcpSocket *peer) const
+bool TreeSession::encrypt(QSslSocket *peer) const
+{
+    peer->startServerEncryption();
+    await([peer] { return peer->waitForEncrypted(kSliceMs) || peer->isEncrypted() || hasGone(*peer); });
+    return peer->isEncrypted() && write(peer, {}); // the last word of the handshake may be pending still
+}
+
+void TreeSession::hangUp(QSslSocket *peer) const
 {
     peer->disconnectFromHost();
     await([peer] {

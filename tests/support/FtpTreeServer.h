@@ -92,13 +92,16 @@ struct FtpTreeOptions
 
     Listing listing = Mlsd;
     bool hasMdtm = true;
+    bool hasTls = false; ///< takes AUTH TLS and PROT P, as it is asked
     QList<Fault> faults = {};
     /** Called on the server's thread with each command, before it is served; empty for the greeting. */
     std::function<void(const QByteArray &command)> onCommand = {};
+    /** Called on the server's thread with each port for data; gives the one that is told instead. */
+    std::function<quint16(quint16 port)> toldPort = {};
 };
 
 /**
- * Serves a tree on 127.0.0.1, without TLS, to one session after the other.
+ * Serves a tree on 127.0.0.1 to one session after the other.
  *
  * It looks paths up by their text and resolves nothing: what a folder lists can be fetched under
  * just that name, be it "../x". It lives on a thread of its own, since the client blocks.
