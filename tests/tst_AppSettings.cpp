@@ -1,3 +1,4 @@
+#include "model/SettingsStore.h"
 #include "model/SyncJob.h"
 #include "support/LocalZone.h"
 #include "support/MarkingTranslator.h"
@@ -372,6 +373,9 @@ private slots:
     void oddSizesDoNoHarm();
     void aFileCutAnywhereIsRead();
     void aFileWithAWrongByteIsRead();
+    void unsafeLinesAreTakenOut_data();
+    void unsafeLinesAreTakenOut();
+    void anUnsafeFileIsReadAndMended();
     void rubbishIsRead_data();
     void rubbishIsRead();
     void unusableFilesAreTakenInSilence_data();
@@ -1380,20 +1384,12 @@ void tst_AppSettings::aFileWithAWrongByteIsRead()
 {
     fullSettings().save();
     const QByteArray whole = store->read();
-    // Dates are left alone: a wrong type in their binary form makes Qt itself ask for gigabytes.
-    QList<qsizetype> places;
-    qsizetype lineStart = 0;
-    for (const QByteArray &line : whole.split('\n')) {
-        for (qsizetype at = lineStart; at <= lineStart + line.size() && !line.contains("@DateTime("); ++at)
-            places << std::min(at, whole.size() - 1);
-        lineStart += line.size() + 1;
-    }
     QRandomGenerator random(42);
     AppSettings settings;
     for (int round = 0; round < 1000; ++round) {
         QByteArray damaged = whole;
         for (int wrong = random.bounded(1, 4); wrong > 0; --wrong)
-            damaged[places.at(random.bounded(places.size()))] = char(random.bounded(256));
+            damaged[random.bounded(damaged.size())] = char(random.bounded(256));
         // Longer each time, for a file whose length and age are known is not read again.
         damaged += "\n;" + QByteArray(round, 'x');
         QFile file(store->filePath());
@@ -1404,6 +1400,66 @@ void tst_AppSettings::aFileWithAWrongByteIsRead()
         QVERIFY2(firstOddity(settings).isEmpty(), damaged.toPercentEncoding().constData());
         QVERIFY2(settings.jobs.size() <= 100000, damaged.toPercentEncoding().constData());
     }
+}
+
+void tst_AppSettings::unsafeLinesAreTakenOut_data()
+{
+    QTest::addColumn<QByteArray>("line");
+    QTest::addColumn<bool>("isKept");
+    const auto row = [](const char *what, const char *line, bool isKept) {
+        QTest::newRow(what) << QByteArray(line) << isKept;
+    };
+    const bool kept = true;
+    const bool dropped = false;
+
+    row("date", "a=@DateTime(\\0\\0\\0\\x10\\0\\0\\0\\0\\0\\0%\\x8b\\0\\xbe\\xb7\\x1a\\x1)", kept);
+    row("quoted date", "a=\"@DateTime(\\0\\0\\0\\x10\\0,\\0\\0\\0\\0\\0%\\x8b\\0\\xbe\\xb7\\x1a\\x1)\"",
+        kept);
+    row("time", "a=@Variant(\\0\\0\\0\\xf\\x3\\x1c\\x82@)", kept);
+    row("bytes", "a=@ByteArray(\\x1\\xd9)", kept);
+    row("masked mark", "a=@@Variant(x)", kept);
+    row("mark within a text", "a=b@Variant(x)", kept);
+    row("mark behind a comma of a text", "a=\"b, @Variant(x)\"", kept);
+    row("mark behind an equals sign", "a=b=@Variant(x)", kept);
+    row("mark as a key", "@Variant(x)=a", kept);
+    row("no line of values", "[@Variant(x)]", kept);
+
+    row("polygon", "a=@DateTime(\\0\\0\\0V\\xff\\xff\\xff\\xff)", dropped);
+    row("list", "a=@Variant(\\0\\0\\0\\t\\xff\\xff\\xff\\xff)", dropped);
+    row("list of texts", "a=@Variant(\\0\\0\\0\\v\\xff\\xff\\xff\\xff)", dropped);
+    row("large type", "a=@DateTime(\\x1\\0\\0\\x10\\0)", dropped);
+    row("cut type", "a=@DateTime(\\0\\0)", dropped);
+    row("blanks in front", "a= \t@Variant(x)", dropped);
+    row("quoted", "a=\"@Variant(x)\"", dropped);
+    row("in a list", "a=b, @Variant(x), c", dropped);
+}
+
+void tst_AppSettings::unsafeLinesAreTakenOut()
+{
+    QFETCH(const QByteArray, line);
+    QFETCH(const bool, isKept);
+    for (const QByteArray lineEnd : {"\n", "\r\n"}) {
+        const QByteArray before = "[General]" + lineEnd + "; \"a comment" + lineEnd + "x=\"1;2\"" + lineEnd;
+        const QByteArray after = "y=2" + lineEnd + "[jobs]" + lineEnd + "size=1";
+        const QByteArray safe = withoutUnsafeLines(before + line + lineEnd + after);
+        QCOMPARE(safe, before + (isKept ? line + lineEnd : QByteArray()) + after);
+        QCOMPARE(withoutUnsafeLines(safe), safe);
+    }
+    QCOMPARE(withoutUnsafeLines(line), isKept ? line : QByteArray());
+}
+
+void tst_AppSettings::anUnsafeFileIsReadAndMended()
+{
+    const QByteArray unsafe = "1\\lastRun=@DateTime(\\0\\0\\0V\\xff\\xff\\xff\\xff)\n";
+    const QByteArray before = "[General]\nverbose=true\n[jobs]\n1\\name=alpha\n";
+    const QByteArray after = "1\\host=ftp.example\nsize=1\n";
+    store->write(before + unsafe + after);
+    const AppSettings settings = loaded();
+    QVERIFY(settings.verbose);
+    QCOMPARE(settings.jobs.size(), 1);
+    QCOMPARE(describe(settings.jobs.at(0)),
+             with(describe(SyncJob()), {u"name: alpha"_s, u"host: ftp.example"_s, u"lastRun: invalid"_s}));
+    QCOMPARE(store->read(), before + after);
 }
 
 void tst_AppSettings::rubbishIsRead_data()

@@ -39,6 +39,9 @@ private slots:
     void twoRepliesInOnePacketAnswerTwoCommands();
     void unfinishedRepliesTimeOut_data();
     void unfinishedRepliesTimeOut();
+    void endlessRepliesAreGivenUp_data();
+    void endlessRepliesAreGivenUp();
+    void aReplyMayBeLong();
     void aLateReplyAnswersTheNextCommand();
     void aLostConnectionIsReported_data();
     void aLostConnectionIsReported();
@@ -235,6 +238,47 @@ void TestFtpControl::unfinishedRepliesTimeOut()
     QCOMPARE(client.lastError(), u"Timed out waiting for a server reply"_s);
     QCOMPARE(client.log().last(), u"ERROR: Timed out waiting for a server reply"_s);
     QVERIFY(client.isConnected());
+    client.close();
+    QCOMPARE(server.finish(), QString());
+}
+
+void TestFtpControl::endlessRepliesAreGivenUp_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::newRow("one line") << QByteArray(2000000, 'x');
+    QTest::newRow("many lines") << "213-a\r\n" + QByteArray("more\r\n").repeated(300000);
+    QTest::newRow("many codes") << QByteArray("213-a\r\n").repeated(200000);
+}
+
+void TestFtpControl::endlessRepliesAreGivenUp()
+{
+    QFETCH(const QByteArray, bytes);
+    FtpScript script;
+    script.login().expect("MDTM a").replyRaw(bytes).silence();
+    FtpScriptServer server(script);
+    TestClient client;
+    QVERIFY(client.login(server));
+    QCOMPARE(timeOf(&client, u"a"_s), QString());
+    QCOMPARE(client.errors(), QStringList(u"The server's reply is too long"_s));
+    client.close();
+    QCOMPARE(server.finish(), QString());
+}
+
+void TestFtpControl::aReplyMayBeLong()
+{
+    // A little less than is allowed, as one line and as many.
+    const QByteArray longLine = "213-" + QByteArray(1000000, 'x') + "\r\n213 20010101000000\r\n";
+    const QByteArray longReply = "213-" + QByteArray("x\r\n").repeated(300000) + kFirstReply;
+    FtpScript script;
+    script.login().expect("MDTM a").replyRaw(longLine).expect("MDTM b").replyRaw(longReply);
+    FtpScriptServer server(script);
+    TestClient client;
+    QVERIFY(client.login(server));
+    timeOf(&client, u"a"_s);
+    QCOMPARE(client.log().last().size(), 2 + 4 + 1000000 + 1 + 18);
+    timeOf(&client, u"b"_s);
+    QVERIFY(client.log().last().endsWith(u"\nx\n213 20010101000000"_s));
+    QCOMPARE(client.errors(), QStringList());
     client.close();
     QCOMPARE(server.finish(), QString());
 }

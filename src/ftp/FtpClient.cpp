@@ -21,7 +21,8 @@ namespace {
 
 constexpr int kGoodbyeMs = 2000;
 constexpr qint64 kChunkBytes = 65536;
-constexpr qsizetype kLongestName = 255; ///< bytes or, on Windows, characters of a file name
+constexpr qint64 kLongestReply = 1048576; ///< bytes; without a bound a reply that never ends fills the memory
+constexpr qsizetype kLongestName = 255;   ///< bytes or, on Windows, characters of a file name
 constexpr qsizetype kTimevalDigits = 14;
 
 /** Whether a data connection will bring nothing more than what it holds already. */
@@ -345,6 +346,10 @@ bool FtpClient::readReply(int *code, QString *text)
         // the same code ends a reply, and a line of nothing but a code and a blank does not.
         const QString line = QString::fromUtf8(socket->readLine()).trimmed();
         reply += line + u'\n';
+        if (reply.size() > kLongestReply) {
+            fail(tr("The server's reply is too long"));
+            return false;
+        }
         const QRegularExpressionMatch match = codeLine.match(line);
         if (!match.hasMatch())
             continue;
@@ -366,6 +371,10 @@ bool FtpClient::awaitReplyLine()
     while (!socket->canReadLine()) {
         if (cancelAsked()) {
             fail(tr("Cancelled"));
+            return false;
+        }
+        if (socket->bytesAvailable() > kLongestReply) {
+            fail(tr("The server's reply is too long"));
             return false;
         }
         const bool waited = isConnected() && socket->waitForReadyRead(timeoutMs);

@@ -2,5 +2,19 @@
 
 #include <QSettings>
 
-/** The user's settings file. It is written when the object goes out of scope. */
+class QByteArray;
+
+/**
+ * The user's settings file. It is written when the object goes out of scope.
+ *
+ * Lines that are not safe to read are taken out of the file first; see withoutUnsafeLines().
+ */
 QSettings openSettingsStore();
+
+/**
+ * The text of a settings file without the lines that hold a binary value of an unexpected type.
+ *
+ * QSettings believes such a value's type and length, so that a wrong byte in a stored date can make
+ * it ask for all memory there is. Only dates and times are ever stored in this form.
+ */
+QByteArray withoutUnsafeLines(const QByteArray &file);

@@ -97,18 +97,29 @@ void UpdateChecker::onReplyFinished()
         emit failed(tr("The update service returned HTTP %1.").arg(status), manual);
         return;
     }
-    QJsonParseError problem;
-    const QJsonDocument answer = QJsonDocument::fromJson(ended->readAll(), &problem);
-    if (problem.error != QJsonParseError::NoError || !answer.isObject()) {
-        emit failed(tr("The update service returned a malformed response."), manual);
-        return;
-    }
-    const UpdateInfo info = infoFrom(answer.object());
-    if (info.latestVersion.isEmpty()) {
-        emit failed(tr("The update service did not report a version."), manual);
+    UpdateInfo info;
+    QString reason;
+    if (!readAnswer(ended->readAll(), &info, &reason)) {
+        emit failed(reason, manual);
         return;
     }
     emit finished(info, manual);
+}
+
+bool UpdateChecker::readAnswer(const QByteArray &body, UpdateInfo *info, QString *reason)
+{
+    QJsonParseError problem;
+    const QJsonDocument answer = QJsonDocument::fromJson(body, &problem);
+    if (problem.error != QJsonParseError::NoError || !answer.isObject()) {
+        *reason = tr("The update service returned a malformed response.");
+        return false;
+    }
+    *info = infoFrom(answer.object());
+    if (info->latestVersion.isEmpty()) {
+        *reason = tr("The update service did not report a version.");
+        return false;
+    }
+    return true;
 }
 
 QString UpdateChecker::platformId()

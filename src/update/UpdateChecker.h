@@ -45,6 +45,10 @@ public:
     /** The system that the program is built for, as the update service knows it. */
     static QString platformId();
 
+    /** Whether the body of an answer holds a version. Writes to `info` what it says, else to `reason` why
+     * not. */
+    static bool readAnswer(const QByteArray &body, UpdateInfo *info, QString *reason);
+
     /** 1 if a is newer than b, -1 if it is older, 0 if they are the same. */
     static int compareVersions(const QString &a, const QString &b);
 
