@@ -86,6 +86,7 @@ private slots:
 
     void autoMirrorsBothJobs();
     void aServerThatIsNotThereIsAProblem();
+    void moreLinesThanTheLogHoldsKeepTheirOrder();
     void stopInTheMiddleOfADownload();
     void closingInTheMiddleOfADownload();
 
@@ -216,6 +217,38 @@ void TestEndToEnd::aServerThatIsNotThereIsAProblem()
         QVERIFY(!shown->item(1, LastResultColumn)->data(Qt::ForegroundRole).isValid());
     }
     server.finish();
+}
+
+void TestEndToEnd::moreLinesThanTheLogHoldsKeepTheirOrder()
+{
+    constexpr int files = 1000;
+    const auto name = [](int number) { return u"f%1"_s.arg(number, 4, 10, QChar(u'0')); };
+    RemoteTree tree;
+    for (int i = 0; i < files; ++i)
+        tree["/"] += remoteFile(name(i).toLatin1(), "", kTime);
+    FtpTreeServer server(tree);
+    const LocalFolder local;
+    TestJobs::store({job(u"Many"_s, server.port(), u"/"_s, local)}, {.verbose = true});
+    BusyWindow window;
+    window.show();
+    window.press("syncButton");
+    const QString end = u"[Many] Complete - 1000 downloaded, 0 unchanged, 0 deleted."_s;
+    QTRY_COMPARE_WITH_TIMEOUT(window.log().last(), end, kPatienceMs); // behind all of the worker's lines
+
+    const QStringList log = window.log();
+    QCOMPARE(log.size(), 5000);
+    const QStringList downloads = log.filter(u"Downloading"_s);
+    QVERIFY(downloads.size() > 500 && downloads.size() < files);
+    for (qsizetype i = 0; i < downloads.size(); ++i) {
+        const int number = files - static_cast<int>(downloads.size() - i);
+        QCOMPARE(downloads.at(i), u"Downloading /"_s + name(number) + u" (new)"_s);
+    }
+    QCOMPARE(log.filter(u"> RETR"_s).last(), u"> RETR /"_s + name(files - 1));
+    // Each file has the same lines, in the same order.
+    const qsizetype last = log.lastIndexOf(downloads.last());
+    const qsizetype before = log.lastIndexOf(downloads.at(downloads.size() - 2));
+    const qsizetype first = log.indexOf(downloads.first());
+    QCOMPARE(last - first, (downloads.size() - 1) * (last - before));
 }
 
 void TestEndToEnd::stopInTheMiddleOfADownload()
