@@ -1366,8 +1366,8 @@ void TestJobDialog::everyFieldHasAName()
             QCOMPARE(accessibleName(field), l.label);
     }
     QCOMPARE(accessibleName(dialog.button("browseButton")), u"Choose the local folder"_s);
-    QCOMPARE(accessibleName(dialog.spin("intervalSpin")), u"Every"_s);
-    QCOMPARE(accessibleName(dialog.list()), u"At set times"_s);
+    QCOMPARE(accessibleName(dialog.spin("intervalSpin")), u"Minutes between runs"_s);
+    QCOMPARE(accessibleName(dialog.list()), u"Schedules"_s);
     for (QAbstractButton *button : dialog.findChildren<QAbstractButton *>()) {
         if (button->focusPolicy() & Qt::TabFocus)
             QVERIFY(!accessibleName(button).isEmpty());

@@ -123,6 +123,7 @@ void MainWindow::buildUi()
     layout->setSpacing(10);
     panel = new VfdPanel(this);
     panel->setObjectName("panel"_L1);
+    panel->setAccessibleName(tr("Status panel"));
     layout->addWidget(panel, 0);
     buildTable();
     layout->addWidget(table, 1);
@@ -142,6 +143,8 @@ void MainWindow::buildTable()
     table->setObjectName("table"_L1);
     table->setHorizontalHeaderLabels(
         {QString(), tr("Job"), tr("Server"), tr("Mode"), tr("Schedule"), tr("Next run"), tr("Last result")});
+    table->horizontalHeaderItem(kEnabled)->setData(Qt::AccessibleTextRole, tr("Enabled"));
+    table->setAccessibleName(tr("Jobs"));
     table->setSelectionBehavior(QAbstractItemView::SelectRows);
     table->setSelectionMode(QAbstractItemView::SingleSelection);
     table->setEditTriggers(QAbstractItemView::NoEditTriggers);
@@ -210,6 +213,7 @@ void MainWindow::buildLog()
 {
     logView = new QPlainTextEdit(this);
     logView->setObjectName("logView"_L1);
+    logView->setAccessibleName(tr("Log"));
     logView->setReadOnly(true);
     logView->setMaximumBlockCount(kLogLines);
     logView->setFrameShape(QFrame::NoFrame);
@@ -320,7 +324,7 @@ QAction *MainWindow::addToggle(QMenu *menu, const QString &text, const QString &
 
 void MainWindow::quit()
 {
-    forgoTray();
+    quitting = true;
     close();
 }
 
@@ -434,6 +438,7 @@ void MainWindow::refreshRow(int row)
     enabled->setFlags(Qt::ItemIsSelectable | Qt::ItemIsUserCheckable | Qt::ItemIsEnabled);
     enabled->setCheckState(job.enabled ? Qt::Checked : Qt::Unchecked);
     enabled->setToolTip(tr("Include this job when AUTO is on"));
+    enabled->setData(Qt::AccessibleTextRole, tr("Enable %1").arg(job.name)); // or nothing would be read out
 
     const std::pair<Column, QString> texts[] = {
         {kJob, job.name},

@@ -34,9 +34,6 @@ public:
     explicit MainWindow(QWidget *parent = nullptr);
     ~MainWindow() override;
 
-    /** Makes the next close one for good, whatever the tray. */
-    void forgoTray() { quitting = true; }
-
     /** Closes for good. A run in progress gets 5 seconds to notice. */
     void quit();
 

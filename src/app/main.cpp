@@ -22,7 +22,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Sees to it that the window does not go to the tray when the desktop's session ends. */
+/** Sees to it that the end of the desktop's session closes the window for good, shown or in the tray. */
 class DesktopQuit : public QObject
 {
 public:
@@ -31,7 +31,7 @@ public:
     bool eventFilter(QObject *watched, QEvent *event) override
     {
         if (event->type() == QEvent::Quit && watched == QCoreApplication::instance())
-            window->forgoTray(); // the application closes all windows next
+            window->quit(); // the application itself closes visible windows only
         return false;
     }
 

@@ -94,6 +94,7 @@ JobDialog::JobDialog(const SyncJob &job, QWidget *parent) : QDialog(parent), sou
     layout->addLayout(header);
 
     auto *tabs = new QTabWidget(this);
+    tabs->setAccessibleName(tr("Job settings"));
     tabs->addTab(buildServerTab(), tr("Server"));
     tabs->addTab(buildFolderTab(), tr("Folders"));
     tabs->addTab(buildSyncTab(), tr("Sync"));
@@ -220,7 +221,7 @@ QWidget *JobDialog::buildScheduleTab()
     connect(intervalSpin, &QSpinBox::valueChanged, this, &JobDialog::refreshPreview);
     intervalSpin->setRange(1, 10080);
     intervalSpin->setSuffix(tr(" minutes"));
-    intervalSpin->setAccessibleName(intervalRadio->text());
+    intervalSpin->setAccessibleName(tr("Minutes between runs"));
     auto *interval = new QHBoxLayout;
     interval->addWidget(intervalRadio);
     interval->addWidget(intervalSpin);
@@ -251,7 +252,7 @@ QWidget *JobDialog::buildRulesPanel(QWidget *tab)
     ruleList = named<QListWidget>("ruleList"_L1, rulesPanel);
     ruleList->setMinimumHeight(96);
     ruleList->setAlternatingRowColors(true);
-    ruleList->setAccessibleName(rulesRadio->text());
+    ruleList->setAccessibleName(tr("Schedules"));
     connect(ruleList, &QListWidget::itemDoubleClicked, this, &JobDialog::onEditRule);
     connect(ruleList, &QListWidget::currentRowChanged, this, &JobDialog::updateEnabledStates);
     row->addWidget(ruleList, 1);

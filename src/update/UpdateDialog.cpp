@@ -83,6 +83,7 @@ QBoxLayout *UpdateDialog::buildHeader(const UpdateInfo &info, const QString &cur
 QWidget *UpdateDialog::buildNotes(const QString &notes)
 {
     auto *browser = new QTextBrowser(this);
+    browser->setAccessibleName(tr("Release notes"));
     browser->setPlainText(boundedText(notes));
     browser->setMinimumHeight(kNotesHeight);
     browser->setOpenExternalLinks(true);
