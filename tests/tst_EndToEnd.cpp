@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QRegularExpression>
+#include <QSemaphore>
 #include <QTableWidget>
 #include <QTcpServer>
 #include <QTest>
@@ -226,12 +227,18 @@ void TestEndToEnd::moreLinesThanTheLogHoldsKeepTheirOrder()
     RemoteTree tree;
     for (int i = 0; i < files; ++i)
         tree["/"] += remoteFile(name(i).toLatin1(), "", kTime);
-    FtpTreeServer server(tree);
+    QSemaphore nearlyDone;
+    FtpTreeServer server(tree, {.onCommand = [&nearlyDone](const QByteArray &command) {
+                             if (command == "RETR /f0999")
+                                 nearlyDone.release();
+                         }});
     const LocalFolder local;
     TestJobs::store({job(u"Many"_s, server.port(), u"/"_s, local)}, {.verbose = true});
     BusyWindow window;
     window.show();
     window.press("syncButton");
+    QCoreApplication::processEvents();              // which starts the run
+    QVERIFY(nearlyDone.tryAcquire(1, kPatienceMs)); // of which the window has heard next to nothing
     const QString end = u"[Many] Complete - 1000 downloaded, 0 unchanged, 0 deleted."_s;
     QTRY_COMPARE_WITH_TIMEOUT(window.log().last(), end, kPatienceMs); // behind all of the worker's lines
 
