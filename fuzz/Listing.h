@@ -23,8 +23,7 @@ inline void checkEntry(const FtpEntry &entry)
     check(!entry.name.isEmpty(), "an entry has a name");
     check(entry.name != QStringLiteral(".") && entry.name != QStringLiteral(".."),
           "the folder and its parent are no entries");
-    // What is left of a link's arrow is not trimmed once more; nobody follows links.
-    check(entry.isSymlink || entry.name == entry.name.trimmed(), "a name has no blanks around it");
+    check(entry.name == entry.name.trimmed(), "a name has no blanks around it");
     check(!entry.name.contains(QLatin1Char('\n')), "a name has no line feed");
     check(!(entry.isDir && entry.isSymlink), "a link is no folder");
     check(!entry.modified.isValid() || entry.modified.timeSpec() == Qt::UTC, "times are in UTC");

@@ -21,5 +21,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
         check(compare(a, c) <= 0, "what is not newer than b is not newer than what b is not newer than");
     check(compare(a, u" "_s + a.trimmed() + u'\t') == 0, "blanks around do not count");
     check(compare(a.trimmed(), a.trimmed() + u".0.x"_s) == 0, "zeros at the end do not count");
+    check(compare(a.trimmed(), a.trimmed() + u".0.1"_s) == -1, "another number at the end does");
     return 0;
 }

@@ -3,8 +3,25 @@
 #include "model/SyncJob.h"
 
 #include <algorithm>
+#include <array>
 
 namespace {
+
+/** Looks at every minute; in UTC, as everything here. */
+bool hasInstantBetween(const ScheduleRule &rule, qint64 after, qint64 before)
+{
+    std::array<bool, 60> minutes{};
+    for (const int minute : rule.minutes)
+        minutes.at(static_cast<std::size_t>(minute)) = true;
+    for (qint64 minute = after / 60 + 1; minute * 60 < before; ++minute) {
+        const qint64 day = (minute / 1440 + 3) % 7; // the first of 1970 was a Thursday
+        const qint64 hour = minute / 60 % 24;
+        if (minutes.at(static_cast<std::size_t>(minute % 60)) && (rule.hours >> hour & 1U) &&
+            (rule.days >> day & 1U))
+            return true;
+    }
+    return false;
+}
 
 void checkNext(const ScheduleRule &rule, const QDateTime &from)
 {
@@ -17,6 +34,8 @@ void checkNext(const ScheduleRule &rule, const QDateTime &from)
     check(rule.minutes.contains(next.time().minute()), "an instant has one of the rule's minutes");
     check(rule.hours & (1U << next.time().hour()), "an instant has one of the rule's hours");
     check(rule.days & (1U << (next.date().dayOfWeek() - 1)), "an instant has one of the rule's days");
+    check(!hasInstantBetween(rule, from.toSecsSinceEpoch() + 30, next.toSecsSinceEpoch()),
+          "no instant is left out");
 }
 
 } // namespace

@@ -32,6 +32,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     check(UpdateChecker::readAnswer(QJsonDocument(again).toJson(), &copy, &reason),
           "what was read can be written and read again");
     check(copy.critical == info.critical, "the weight survives");
+    for (const auto text : {&UpdateInfo::latestVersion, &UpdateInfo::releaseDate, &UpdateInfo::downloadUrl,
+                            &UpdateInfo::notesUrl, &UpdateInfo::notes, &UpdateInfo::minSupportedVersion}) {
+        // Half a surrogate pair has no bytes to be written as.
+        const bool isWritable = (info.*text).isValidUtf16();
+        check(!isWritable || copy.*text == info.*text, "each text survives");
+    }
 
     const QString version = oneLine(info.latestVersion);
     check(version.size() <= 101, "a line is short");

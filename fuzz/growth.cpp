@@ -109,6 +109,10 @@ const Suspect kSuspects[] = {
     {"settings: commas", filled("a=", "@,"), settings},
     {"settings: one value", filled("a=@DateTime(", "\\0"), settings},
     {"settings: unsafe lines", filled("", "a=@Variant(x)\n"), settings},
+    {"settings: one long number", filled("a=\\x", "0"), settings},
+    {"settings: quotes that stay open", filled("", "a=\"@Variant(x)\n"), settings},
+    {"settings: one quote that stays open", filled("a=\"@Variant(x)\n", "a=@Variant(x)\n"), settings},
+    {"settings: lines that go on", filled("", "a=@Variant(x)\\\n"), settings},
 };
 
 /** The best of some rounds, since others use the machine too. */

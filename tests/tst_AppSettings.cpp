@@ -375,6 +375,8 @@ private slots:
     void aFileWithAWrongByteIsRead();
     void unsafeLinesAreTakenOut_data();
     void unsafeLinesAreTakenOut();
+    void whatComesWithAnUnsafeLineStays_data();
+    void whatComesWithAnUnsafeLineStays();
     void anUnsafeFileIsReadAndMended();
     void rubbishIsRead_data();
     void rubbishIsRead();
@@ -1432,6 +1434,24 @@ void tst_AppSettings::unsafeLinesAreTakenOut_data()
     row("blanks in front", "a= \t@Variant(x)", dropped);
     row("quoted", "a=\"@Variant(x)\"", dropped);
     row("in a list", "a=b, @Variant(x), c", dropped);
+    row("behind a quoted part", "a=\"b\", @Variant(x)", dropped);
+    row("quoted in a list", "a=b, \"@Variant(x)\"", dropped);
+    row("behind empty quotes", "a=\"\" @Variant(x)", dropped);
+    row("quotes within the mark", "a=@Var\"iant(x)\"", dropped);
+    row("mark in hexadecimal", "a=\\x40Variant(x)", dropped);
+    row("mark in octal", "a=\\100DateTime(x)", dropped);
+    row("mark in more than 16 bits", "a=\\x10040Variant(x)", dropped);
+    row("escape that stands for nothing", "a=@Va\\riant(x)\\z, @Va\\zriant(x)", dropped);
+    row("key with an equals sign", "\\=a=@Variant(x)", dropped);
+    row("equals sign in a quoted key", "\"=b=\"=@Variant(x)", dropped);
+    row("type in octal", "a=@DateTime(\\0\\0\\0\\126\\xff)", dropped);
+    row("continued", "a=\\\n@Variant(x)", dropped);
+    row("continued within the mark", "a=@Var\\\r\niant(x)", dropped);
+
+    row("date in octal", "a=@DateTime(\\0\\0\\0\\20\\0)", kept);
+    row("text that continues", "a=\"b\n@Variant(x)\nc=@Variant(x)\"", kept);
+    row("comment", "; a=@Variant(x)", kept);
+    row("comment behind a value", "a=1;b=@Variant(x)", kept);
 }
 
 void tst_AppSettings::unsafeLinesAreTakenOut()
@@ -1446,6 +1466,26 @@ void tst_AppSettings::unsafeLinesAreTakenOut()
         QCOMPARE(withoutUnsafeLines(safe), safe);
     }
     QCOMPARE(withoutUnsafeLines(line), isKept ? line : QByteArray());
+}
+
+void tst_AppSettings::whatComesWithAnUnsafeLineStays_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QByteArray>("safe");
+    QTest::newRow("old line ends") << QByteArray("x=1\ra=@Variant(x)\ry=2\r") << QByteArray("x=1\ry=2\r");
+    QTest::newRow("comment") << QByteArray("a=@Variant(x);@Variant(x)\ny=2")
+                             << QByteArray(";@Variant(x)\ny=2");
+    QTest::newRow("quote without an end") << QByteArray("a=\"@Variant(x)\nx=1\n") << QByteArray("x=1\n");
+    QTest::newRow("quotes without an end")
+        << QByteArray("a=\"@Variant(x)\nx=1\nb=\"@Variant(x)\ny=2") << QByteArray("x=1\ny=2");
+}
+
+void tst_AppSettings::whatComesWithAnUnsafeLineStays()
+{
+    QFETCH(const QByteArray, text);
+    QFETCH(const QByteArray, safe);
+    QCOMPARE(withoutUnsafeLines(text), safe);
+    QCOMPARE(withoutUnsafeLines(safe), safe);
 }
 
 void tst_AppSettings::anUnsafeFileIsReadAndMended()

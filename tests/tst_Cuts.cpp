@@ -8,6 +8,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QSet>
 #include <QTest>
 #include <QThread>
@@ -28,9 +29,9 @@ constexpr int kPauseMs = 2; // keeps what is sent before and after in packets of
 constexpr int kBusyThreads = 6;
 constexpr qint64 kEdgeBytes = 300; // of a large file, which are tried one by one
 constexpr qint64 kLargeBytes = 65536;
-constexpr qint64 kLargeStep = 997; // of the others one in so many, or, in a hurry,
-constexpr qint64 kLargeStride = 4999;
-constexpr int kTooMany = 5; // problems
+constexpr qint64 kLargeStride = 4999; // of the others one in so many, or, with all the time there is,
+constexpr qint64 kSealedStride = 997; // of those in a record of TLS, which comes whole or not at all
+constexpr int kTooMany = 5;           // problems
 constexpr int kRepetitions = 20;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -258,8 +259,7 @@ bool isWhole(const QString &path, const TreeFile &file, FtpTreeOptions::Listing 
 QString problemOf(const Attempt &attempt, const Outcome &outcome)
 {
     for (auto file = outcome.local.cbegin(); file != outcome.local.cend(); ++file) {
-        const bool isNewFolder = file.key().endsWith(u'/');
-        if (!isNewFolder && !isWhole(file.key(), *file, attempt.session.listing))
+        if (!isWhole(file.key(), *file, attempt.session.listing)) // nor has any folder become empty
             return file.key() + u" is neither the old nor the new one"_s;
     }
     for (auto file = oldTree().cbegin(); file != oldTree().cend(); ++file) {
@@ -271,6 +271,10 @@ QString problemOf(const Attempt &attempt, const Outcome &outcome)
     }
     if (!outcome.harm.isEmpty())
         return outcome.harm;
+    // More than one end may well tell a reason each.
+    if (outcome.events.filter(QRegularExpression(u"^finished "_s)).size() != 1 ||
+        !outcome.events.last().startsWith(u"finished "_s))
+        return u"there was not one end, and nothing behind it"_s;
     const bool succeeded = outcome.told.startsWith(u"success ");
     if (!succeeded && !outcome.told.contains(u"message='"))
         return u"no reason was told"_s;
@@ -346,11 +350,11 @@ QString problemsOf(const std::vector<Attempt> &attempts)
     return problems.join(u"\n\n");
 }
 
-/** The places in so many bytes behind which there are cuts. */
-QList<qint64> places(qint64 from, qint64 until, qint64 step)
+/** The places in so many bytes of a session behind which there are cuts. */
+QList<qint64> places(const Session &session, qint64 from, qint64 until, qint64 step)
 {
     const qint64 stride = triesAll() ? 1 : step * kThinning;
-    const qint64 largeStride = triesAll() ? kLargeStep : std::max(stride, kLargeStride);
+    const qint64 largeStride = !triesAll() ? std::max(stride, kLargeStride) : session.tls ? kSealedStride : 1;
     const qint64 edge = until - from > kLargeBytes ? kEdgeBytes : until - from;
     QList<qint64> chosen;
     for (qint64 place = from; place < until;) {
@@ -376,7 +380,7 @@ std::vector<Attempt> controlCuts(const Session &session, Cut::Kind kind, qint64 
     const Recording recording = record(session);
     const QByteArray &said = recording.brought.first();
     std::vector<Attempt> attempts;
-    for (const qint64 place : places(0, said.size(), step)) {
+    for (const qint64 place : places(session, 0, said.size(), step)) {
         Attempt attempt{session, {kind, 0, place}};
         // Of an encrypted conversation only the log tells what was said until then.
         const qsizetype confirmed =
@@ -401,7 +405,7 @@ std::vector<Attempt> dataCuts(const Session &session, Cut::Kind kind, Ending end
         const qint64 size = recording.brought.at(i + 1).size();
         // Behind the last byte, only what the server says then shows that something is wrong.
         const qint64 until = kind == Cut::Close && ending == Ending::Complete ? size : size + 1;
-        for (const qint64 place : places(0, until, step)) {
+        for (const qint64 place : places(session, 0, until, step)) {
             Attempt attempt{session, {kind, static_cast<int>(i) + 1, place}, transfer.commandNumber, ending};
             attempt.mustFail = !session.tls || ending != Ending::Complete;
             attempt.listed = listedBefore(recording.transfers, recording.transfers.size());
@@ -605,9 +609,9 @@ void TestCuts::aListingInTwoPiecesIsTheSame()
         qsizetype offset = -1;
     };
     std::vector<Split> splits;
-    for (const qint64 place : places(1, brought.last().size(), session.tls ? 23 : 1))
+    for (const qint64 place : places(session, 1, brought.last().size(), session.tls ? 23 : 1))
         splits.push_back({.cut = {Cut::Pause, 1, place}});
-    for (const qint64 place : places(1, length, session.tls ? 3 : length))
+    for (const qint64 place : places(session, 1, length, session.tls ? 3 : length))
         splits.push_back({.offset = place});
 
     std::mutex guard;

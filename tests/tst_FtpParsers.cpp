@@ -162,6 +162,8 @@ void TestFtpParsers::unixLines_data()
 
     row("link", u"lrwxrwxrwx 1 kim web 4 Jan 2 2020 now -> 2020/01"_s, u"link now 4 -"_s);
     row("link without a target", u"lrwxrwxrwx 1 kim web 4 Jan 2 2020 now"_s, u"link now 4 -"_s);
+    row("link with blanks in front of its arrow", u"lrwxrwxrwx 1 kim web 4 Jan 2 2020 a \t -> b"_s,
+        u"link a 4 -"_s);
     row("link with two arrows", u"lrwxrwxrwx 1 kim web 4 Jan 2 2020 a -> b -> c"_s, u"link a 4 -"_s);
     row("link that begins with an arrow", u"lrwxrwxrwx 1 kim web 4 Jan 2 2020 -> x"_s, u"link -> x 4 -"_s);
     row("arrow without blanks", u"lrwxrwxrwx 1 kim web 4 Jan 2 2020 a->b"_s, u"link a->b 4 -"_s);
@@ -268,6 +270,7 @@ void TestFtpParsers::listLines_data()
     row("dot as a file", "-rw-r--r-- 1 kim web 5 Jan 2 2020 .\r\n");
     row("name of blanks", "-rw-r--r-- 1 kim web 5 Jan 2 2020     \r\n");
     row("link from a dot", "lrwxrwxrwx 1 kim web 5 Jan 2 2020 . -> x\r\n");
+    row("link from two dots and a blank", "lrwxrwxrwx 1 kim web 5 Jan 2 2020 ..  -> x\r\n");
     row("file named total", "-rw-r--r-- 1 kim web 5 Jan 2 2020 total 12\r\n", {u"file total 12 5 -"_s});
     row("a word from the server", "Permission denied\r\n");
     row("MLSD form", "type=file;size=5; a\r\n");

@@ -711,7 +711,7 @@ bool FtpClient::parseUnixLine(const QString &line, FtpEntry *entry)
     entry->name = match.captured(4).trimmed();
     const qsizetype arrow = entry->name.indexOf(u" -> "_s);
     if (entry->isSymlink && arrow > 0)
-        entry->name.truncate(arrow);
+        entry->name = entry->name.first(arrow).trimmed();
     return true;
 }
 

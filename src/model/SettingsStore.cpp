@@ -6,7 +6,9 @@
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <algorithm>
 #include <cctype>
+#include <optional>
 
 using namespace Qt::StringLiterals;
 
@@ -27,32 +29,140 @@ QString storePath()
 /** Whether a value is in binary form, and of another type than QDateTime and QTime. */
 bool isUnsafe(QByteArrayView value)
 {
-    if (!value.startsWith("@DateTime(") && !value.startsWith("@Variant("))
-        return false;
-    const QByteArrayView type = value.sliced(value.indexOf('(') + 1);
-    for (const QByteArrayView safe : {QByteArrayView("\\0\\0\\0\\x10"), QByteArrayView("\\0\\0\\0\\xf")}) {
-        const bool isWhole =
-            type.size() > safe.size() && !std::isxdigit(static_cast<unsigned char>(type.at(safe.size())));
-        if (type.startsWith(safe) && isWhole)
-            return false;
+    constexpr qsizetype kTypeBytes = 4;
+    for (const QByteArrayView mark : {QByteArrayView("@DateTime("), QByteArrayView("@Variant(")}) {
+        if (!value.startsWith(mark))
+            continue;
+        const qsizetype typeSize = std::min(value.size() - mark.size(), kTypeBytes);
+        const QByteArrayView type = value.sliced(mark.size(), typeSize);
+        return type != QByteArrayView("\0\0\0\x10", kTypeBytes) &&
+               type != QByteArrayView("\0\0\0\xf", kTypeBytes);
     }
-    return true;
+    return false;
 }
 
-bool holdsUnsafeValue(QByteArrayView line)
+/** The bytes of a line end: one, or two that differ; 0 if there is none. */
+qsizetype lineEndSize(QByteArrayView text, qsizetype at)
 {
-    const qsizetype equals = line.indexOf('=');
-    if (equals < 0)
-        return false;
-    QByteArrayView rest = line.sliced(equals + 1).trimmed();
-    if (rest.startsWith('"'))
-        return isUnsafe(rest.sliced(1));
-    for (qsizetype comma = rest.indexOf(','); comma >= 0; comma = rest.indexOf(',')) {
-        if (isUnsafe(rest.first(comma)))
-            return true;
-        rest = rest.sliced(comma + 1).trimmed();
+    const auto isLineEnd = [text](qsizetype i) {
+        return i < text.size() && (text.at(i) == '\n' || text.at(i) == '\r');
+    };
+    if (!isLineEnd(at))
+        return 0;
+    return isLineEnd(at + 1) && text.at(at + 1) != text.at(at) ? 2 : 1;
+}
+
+/** -1 if it is none. */
+int digitOf(char c, int base)
+{
+    constexpr QByteArrayView kDigits = "0123456789abcdef";
+    const qsizetype digit = kDigits.indexOf(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+    return digit < base ? static_cast<int>(digit) : -1;
+}
+
+/** Reads the number of an escape, as QSettings does: of any length, in 16 bits. */
+char escapedNumber(QByteArrayView text, qsizetype *at, int base)
+{
+    quint16 number = 0;
+    for (; *at < text.size() && digitOf(text.at(*at), base) >= 0; ++*at)
+        number = static_cast<quint16>(number * base + digitOf(text.at(*at), base));
+    return number < 0x80 ? static_cast<char>(number) : '?'; // which no mark and no type has
+}
+
+/** Reads an escape from behind its backslash; nothing if it stands for nothing. */
+std::optional<char> escaped(QByteArrayView text, qsizetype *at)
+{
+    constexpr QByteArrayView kNames = "abfnrtv\"?'\\";
+    constexpr QByteArrayView kMeanings = "\a\b\f\n\r\t\v\"?'\\";
+    const char c = text.at(*at);
+    if (digitOf(c, 8) >= 0)
+        return escapedNumber(text, at, 8);
+    const qsizetype continued = lineEndSize(text, *at);
+    *at += std::max<qsizetype>(continued, 1);
+    if (c == 'x' && *at < text.size() && digitOf(text.at(*at), 16) >= 0)
+        return escapedNumber(text, at, 16);
+    const qsizetype known = kNames.indexOf(c);
+    return known < 0 ? std::nullopt : std::optional(kMeanings.at(known));
+}
+
+/** Whether a part of a list is unsafe, once its escapes and quotes are resolved as QSettings does. */
+bool holdsUnsafeValue(QByteArrayView list)
+{
+    constexpr qsizetype kTellingBytes = 14; // the longer mark, and the type
+    QByteArray value;
+    bool isQuoted = false;
+    bool skipsBlanks = true;
+    for (qsizetype i = 0; i < list.size();) {
+        const char c = list.at(i++);
+        if (skipsBlanks && (c == ' ' || c == '\t'))
+            continue;
+        skipsBlanks = false;
+        std::optional<char> meant;
+        if (c == '\\') {
+            meant = i < list.size() ? escaped(list, &i) : std::nullopt;
+        } else if (c == '"') {
+            isQuoted = !isQuoted;
+            skipsBlanks = !isQuoted;
+        } else if (c == ',' && !isQuoted) {
+            if (isUnsafe(value))
+                return true;
+            value.clear();
+            skipsBlanks = true;
+        } else {
+            meant = c;
+        }
+        if (meant && value.size() < kTellingBytes)
+            value += *meant;
     }
-    return isUnsafe(rest);
+    return isUnsafe(value);
+}
+
+/** A key and its value: a line, unless quotes or a backslash carry it on over the next ones. */
+struct Entry
+{
+    qsizetype equals = -1;
+    qsizetype lineEnd = -1; ///< where its first line ends, be it within quotes
+    qsizetype end = 0;
+};
+
+Entry entryAt(QByteArrayView file, qsizetype begin)
+{
+    Entry entry;
+    bool isQuoted = false;
+    bool isComment = false;
+    bool isBlank = true;
+    qsizetype i = begin;
+    while (i < file.size()) {
+        const char c = file.at(i);
+        const qsizetype lineEnd = lineEndSize(file, i);
+        if (lineEnd > 0) {
+            i += lineEnd;
+            if (entry.lineEnd < 0)
+                entry.lineEnd = i;
+            if (!isQuoted)
+                break;
+            continue;
+        }
+        if (c == ';' && !isQuoted && !isComment) {
+            if (!isBlank)
+                break; // a comment behind it, which is an entry of its own
+            isComment = true;
+        }
+        isBlank = isBlank && (c == ' ' || c == '\t');
+        ++i;
+        if (isComment)
+            continue;
+        if (c == '\\' && i < file.size())
+            i += std::max<qsizetype>(lineEndSize(file, i), 1);
+        else if (c == '"')
+            isQuoted = !isQuoted;
+        else if (c == '=' && !isQuoted && entry.equals < 0)
+            entry.equals = i - 1;
+    }
+    entry.end = i;
+    if (entry.lineEnd < 0)
+        entry.lineEnd = i;
+    return entry;
 }
 
 void removeUnsafeLines(const QString &path)
@@ -98,11 +208,14 @@ QByteArray withoutUnsafeLines(const QByteArray &file)
     QByteArray safe;
     safe.reserve(file.size());
     for (qsizetype begin = 0; begin < file.size();) {
-        const qsizetype lineFeed = file.indexOf('\n', begin);
-        const qsizetype end = lineFeed < 0 ? file.size() : lineFeed + 1;
-        const QByteArrayView line = QByteArrayView(file).sliced(begin, end - begin);
-        if (!holdsUnsafeValue(line))
-            safe += line;
+        const QByteArrayView text(file);
+        const Entry entry = entryAt(text, begin);
+        const bool isUnsafeEntry =
+            entry.equals >= 0 && holdsUnsafeValue(text.first(entry.end).sliced(entry.equals + 1));
+        // A quote that is never closed must not take the rest of the file with it.
+        const qsizetype end = isUnsafeEntry ? entry.lineEnd : entry.end;
+        if (!isUnsafeEntry)
+            safe += text.first(end).sliced(begin);
         begin = end;
     }
     return safe;

@@ -15,6 +15,7 @@ QSettings openSettingsStore();
  * The text of a settings file without the lines that hold a binary value of an unexpected type.
  *
  * QSettings believes such a value's type and length, so that a wrong byte in a stored date can make
- * it ask for all memory there is. Only dates and times are ever stored in this form.
+ * it ask for all memory there is. Only dates and times are ever stored in this form. Values are read
+ * as QSettings reads them, since an escape or a quote in the wrong place hides what they are.
  */
 QByteArray withoutUnsafeLines(const QByteArray &file);
