@@ -1,6 +1,11 @@
-// Puts the whole program under load and says what it took: kelpwharf_load. No test, since times decide
-// nothing there; tools/load runs it. It fails only if something was lost.
+// Puts the whole program under load and says what it took. No test, since times decide nothing there. It
+// fails only if something was lost.
+//
+//   kelpwharf_load                       the loads of tools/load, as text
+//   kelpwharf_load window FILES ROUNDS   what the window costs a mirror of so many files, as JSON for
+//                                        tools/bench
 
+#include "mirror/MirrorWorker.h"
 #include "support/RealServer.h"
 #include "support/RefusedPort.h"
 #include "support/TestSettings.h"
@@ -8,12 +13,19 @@
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QPlainTextEdit>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTextBlock>
+#include <QThread>
 #include <QTimer>
 
 #include <algorithm>
@@ -56,6 +68,9 @@ public:
         kilobytes += memoryKb();
     }
 
+    /** The longest time for which the GUI thread did not come round to its events. */
+    qint64 longestDelayMs() const { return longestMs - kPulseMs; }
+
     void report(const char *what, qsizetype logLines)
     {
         kilobytes += memoryKb();
@@ -66,7 +81,7 @@ public:
                     "longest delay %4lld ms   log lines shown %lld\n",
                     what, static_cast<double>(total.elapsed()) / 1000.0, mib(kilobytes.first()),
                     mib(kilobytes.at(settled)), mib(*std::max_element(kilobytes.cbegin(), kilobytes.cend())),
-                    mib(kilobytes.last()), static_cast<long long>(longestMs - kPulseMs),
+                    mib(kilobytes.last()), static_cast<long long>(longestDelayMs()),
                     static_cast<long long>(logLines));
         std::fflush(stdout);
     }
@@ -151,6 +166,132 @@ void manyJobs()
         require(job.lastRun.isValid() && !job.lastOk, job.name);
 }
 
+// What the window costs
+
+qint64 nowMs() { return QDateTime::currentMSecsSinceEpoch(); }
+
+/** When the last file of a mirror got its name: the worker's own time, whoever listens to it. */
+qint64 lastFileMs(const QString &local, qsizetype expectedFiles)
+{
+    const QFileInfoList files = QDir(local).entryInfoList(QDir::Files, QDir::NoSort);
+    require(files.size() == expectedFiles, u"%1 files"_s.arg(files.size()));
+    qint64 last = 0;
+    for (const QFileInfo &file : files)
+        last = std::max(last, file.metadataChangeTime().toMSecsSinceEpoch());
+    return last;
+}
+
+/** Notes when a text view is painted with a certain text in its last line. */
+class LastLineWatch : public QObject
+{
+public:
+    LastLineWatch(QPlainTextEdit *watched, QString expectedText) :
+        view(watched), text(std::move(expectedText))
+    {
+        view->viewport()->installEventFilter(this);
+    }
+
+    qint64 shownMs() const { return shown; }
+
+protected:
+    bool eventFilter(QObject *object, QEvent *event) override
+    {
+        if (shown == 0 && event->type() == QEvent::Paint &&
+            view->document()->lastBlock().text().contains(text))
+            shown = nowMs();
+        return QObject::eventFilter(object, event);
+    }
+
+private:
+    QPlainTextEdit *view;
+    QString text;
+    qint64 shown = 0;
+};
+
+/** One column of figures, a row for each round. */
+struct Cost
+{
+    QJsonArray seconds = {};
+    QJsonArray delayMs = {};
+    QJsonArray lastLineMs = {};
+
+    QJsonObject toJson() const
+    {
+        return {{u"seconds"_s, seconds}, {u"delayMs"_s, delayMs}, {u"lastLineMs"_s, lastLineMs}};
+    }
+};
+
+double secondsOf(qint64 milliseconds) { return static_cast<double>(milliseconds) / 1000.0; }
+
+/** The worker without a window, and somebody who receives all it says. */
+void mirrorAlone(const RealServer &server, qsizetype files, Cost *cost)
+{
+    const QTemporaryDir local;
+    QThread thread;
+    MirrorWorker worker;
+    worker.moveToThread(&thread);
+    QObject receiver;
+    qint64 signalCount = 0;
+    const auto count = [&signalCount] { ++signalCount; };
+    QObject::connect(&worker, &MirrorWorker::log, &receiver, count);
+    QObject::connect(&worker, &MirrorWorker::progress, &receiver, count);
+    QObject::connect(&worker, &MirrorWorker::statusChanged, &receiver, count);
+    QObject::connect(&worker, &MirrorWorker::throughput, &receiver, count);
+    QSignalSpy finished(&worker, &MirrorWorker::finished);
+    thread.start();
+    const MirrorConfig config = server.job(local.path());
+    const qint64 start = nowMs();
+    QMetaObject::invokeMethod(&worker, [&worker, config] { worker.runSync(config); });
+    require(finished.wait(kPatienceMs), u"no end"_s);
+    thread.quit();
+    thread.wait();
+    require(finished.first().first().value<MirrorResult>().success && signalCount > files, u"failed"_s);
+    cost->seconds.append(secondsOf(lastFileMs(local.path(), files) - start));
+}
+
+/** The whole program, whose AUTO finds the job due. */
+void mirrorInWindow(const RealServer &server, qsizetype files, bool verbose, Cost *cost)
+{
+    const QTemporaryDir local;
+    SyncJob job;
+    job.name = u"load"_s;
+    job.config = server.job(local.path());
+    TestJobs::store({job}, {.verbose = verbose});
+    TestWindow window;
+    qint64 start = 0;
+    QObject::connect(&window, &MainWindow::startSyncRequested, &window, [&start] { start = nowMs(); });
+    const LastLineWatch lastLine(window.part<QPlainTextEdit>("logView"), u"[load] Complete - "_s);
+    window.show();
+    require(QTest::qWaitForWindowExposed(&window), u"no window"_s);
+    const Watch watch;
+    window.part<QCheckBox>("autoCheck")->setChecked(true);
+    require(QTest::qWaitFor([&] { return lastLine.shownMs() > 0; }, kPatienceMs), window.status());
+    const qint64 end = lastFileMs(local.path(), files);
+    cost->seconds.append(secondsOf(end - start));
+    cost->delayMs.append(watch.longestDelayMs());
+    cost->lastLineMs.append(lastLine.shownMs() - end);
+}
+
+void compareWithWindow(int files, int rounds)
+{
+    const RealServer server(RealServer::PureFtpd);
+    require(server.problem().isEmpty(), server.problem());
+    makeFiles(server.root(), 1, files, 4096);
+    Cost alone;
+    Cost quiet;
+    Cost verbose;
+    for (int round = 0; round < rounds; ++round) {
+        mirrorAlone(server, files, &alone);
+        mirrorInWindow(server, files, false, &quiet);
+        mirrorInWindow(server, files, true, &verbose);
+    }
+    const QJsonObject all{{u"files"_s, files},
+                          {u"alone"_s, alone.toJson()},
+                          {u"quiet"_s, quiet.toJson()},
+                          {u"verbose"_s, verbose.toJson()}};
+    std::puts(QJsonDocument(all).toJson(QJsonDocument::Compact).constData());
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -158,6 +299,11 @@ int main(int argc, char *argv[])
     const TestSettings settings;
     QApplication application(argc, argv);
     TestWindow::setIdentity();
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.size() == 4 && arguments.at(1) == u"window") {
+        compareWithWindow(arguments.at(2).toInt(), arguments.at(3).toInt());
+        return 0;
+    }
     mirror("20,000 files of 1 KiB", 200, 100, 1024, false);
     mirror("30,000 files, 200,000 log lines", 300, 100, 1024, true);
     mirror("50,000 files in one folder", 1, 50000, 0, false);
