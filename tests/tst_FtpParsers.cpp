@@ -90,6 +90,11 @@ void TestFtpParsers::mlsdLines_data()
     row("decomposed letter", "type=file; e\xCC\x81", u"file e\u0301 -1 -"_s);
     row("letter beyond 16 bits", "type=file; \xF0\x9F\x90\x9A", u"file \U0001F41A -1 -"_s);
     row("not UTF-8", "type=file; caf\xE9.txt", u"file caf\uFFFD.txt -1 -"_s);
+    row("letter cut off by the end of the line", "type=file; a\xE2\x82", u"file a\uFFFD\uFFFD -1 -"_s);
+    row("name with a byte order mark",
+        "type=file; \xEF\xBB\xBF"
+        "a",
+        u"file \uFEFFa -1 -"_s);
 
     row("listed folder", "type=cdir;modify=20200102030405; sub");
     row("parent folder", "type=pdir; up");
@@ -102,6 +107,8 @@ void TestFtpParsers::mlsdLines_data()
     row("another word for a link", "type=OS.unix=symlink; now", u"file now -1 -"_s);
     row("device", "type=OS.unix=chr-4/64; tty", u"file tty -1 -"_s);
     row("unknown type", "type=dirt; a", u"file a -1 -"_s);
+    row("folder with a dotted I", "type=d\xC4\xB0r; a", u"file a -1 -"_s);
+    row("link with a Kelvin sign", "type=os.unix=slin\xE2\x84\xAA; a", u"link a -1 -"_s);
     row("empty type", "type=; a", u"file a -1 -"_s);
     row("file takes back the folder", "type=dir;type=file; a", u"file a -1 -"_s);
     row("folder takes back the link", "type=OS.unix=slink;type=dir; a", u"dir a -1 -"_s);
@@ -112,6 +119,8 @@ void TestFtpParsers::mlsdLines_data()
     row("size with a unit", "size=5k; a", u"file a 0 -"_s);
     row("largest size", "size=9223372036854775807; a", u"file a 9223372036854775807 -"_s);
     row("size beyond 64 bits", "size=9223372036854775808; a", u"file a 0 -"_s);
+    row("size of many zeros", "size=0000000000000000000042; a", u"file a 42 -"_s);
+    row("size with a sign", "size=-5; a", u"file a -5 -"_s);
     row("later size counts", "size=1;size=2; a", u"file a 2 -"_s);
     row("size of a folder's content", "type=dir;sizd=4096; a", u"dir a -1 -"_s);
 
@@ -125,6 +134,11 @@ void TestFtpParsers::mlsdLines_data()
     row("facts without an end", "type=dir;size=5 a", u"dir a 5 -"_s);
     row("facts with tabs", "\tSize\t=\t5\t;type\t=\tdir; a", u"dir a 5 -"_s);
     row("keys that only begin alike", "sizes=1;types=dir;modify2=20200102030405; a", u"file a -1 -"_s);
+    row("key with a long s", "\xC5\xBFize=5; a", u"file a -1 -"_s);
+    row("facts with blanks of Unicode",
+        "\xC2\xA0size\xE3\x80\x80=\xE2\x80\x83"
+        "5; a",
+        u"file a 5 -"_s);
     row("key that is empty", "=5;size=3; a", u"file a 3 -"_s);
     row("other facts", "unique=801g4;perm=adfr;UNIX.mode=0644;lang=en; a", u"file a -1 -"_s);
 }
@@ -151,9 +165,15 @@ void TestFtpParsers::unixLines_data()
     row("columns apart", u"-rw-r--r--    1   kim     web      512 Jan  2  2020   a.txt"_s,
         u"file a.txt 512 -"_s);
     row("tabs for blanks", u"-rw-r--r--\t1\tkim\tweb\t512\tJan\t2\t2020\ta.txt"_s, u"file a.txt 512 -"_s);
+    row("rarer blanks", u"-rw-r--r--\v1\fkim\rweb 512 Jan 2 2020 a.txt"_s, u"file a.txt 512 -"_s);
+    row("blank of Unicode", u"-rw-r--r-- 1 kim web 512 Jan 2\u00A02020 a.txt"_s);
+    row("digit of Unicode", u"-rw-r--r-- 1 kim web 51\u0662 Jan 2 2020 a.txt"_s);
     row("owner without a group", u"-rw-r--r-- 1 kim 512 Jan 2 2020 a.txt"_s, u"file a.txt 512 -"_s);
     row("three owners", u"-rw-r--r-- 1 kim web staff 512 Jan 2 2020 a.txt"_s);
     row("owner by number", u"-rw-r--r-- 1 1000 1000 512 Jan 2 2020 a.txt"_s, u"file a.txt 512 -"_s);
+    row("month by number, without a group", u"-rw-r--r-- 1 kim 123 456 12 2020 7 a"_s, u"file 7 a 123 -"_s);
+    row("month of letters beyond 16 bits", u"-rw-r--r-- 1 kim web 5 a\U0001F41Ab 2 2020 a"_s,
+        u"file a 5 -"_s);
     row("one-digit hour", u"-rw-r--r-- 1 kim web 5 Jan 2 9:05 a"_s, u"file a 5 -"_s);
     row("month in another tongue", u"-rw-r--r-- 1 kim web 5 Mär 2 2020 a"_s, u"file a 5 -"_s);
     row("month of four letters", u"-rw-r--r-- 1 kim web 5 Sept 2 2020 a"_s);
@@ -194,6 +214,11 @@ void TestFtpParsers::unixLines_data()
     row("name with blanks around", u"-rw-r--r-- 1 kim web 5 Jan 2 2020   a "_s, u"file a 5 -"_s);
     row("name like a date", u"-rw-r--r-- 1 kim web 5 Jan 2 2020 7 Feb 3 2021 b"_s,
         u"file 7 Feb 3 2021 b 5 -"_s);
+    row("name of blanks is for the caller to drop", u"-rw-r--r-- 1 kim web 5 Jan 2 2020  "_s, u"file  5 -"_s);
+    row("line feed behind the name", u"-rw-r--r-- 1 kim web 5 Jan 2 2020 a\n"_s, u"file a 5 -"_s);
+    row("line feed within the name", u"-rw-r--r-- 1 kim web 5 Jan 2 2020 a\nb"_s);
+    row("line feeds in front of the name", u"-rw-r--r-- 1 kim web 5 Jan 2 2020\n\na"_s, u"file a 5 -"_s);
+    row("half a letter in the name", u"-rw-r--r-- 1 kim web 5 Jan 2 2020 a"_s + QChar(0xD83D));
     row("name in Unicode", u"-rw-r--r-- 1 kim web 5 Jan 2 2020 \u00FC\U0001F41A"_s,
         u"file \u00FC\U0001F41A 5 -"_s);
     row("name that leads out", u"-rw-r--r-- 1 kim web 5 Jan 2 2020 ../x"_s, u"file ../x 5 -"_s);
@@ -228,6 +253,9 @@ void TestFtpParsers::dosLines_data()
     row("one-digit hour", u"01-02-20  3:04PM  512 a.txt"_s, u"file a.txt 512 -"_s);
     row("lower case", u"01-02-20  03:04pm  512 a.txt"_s, u"file a.txt 512 -"_s);
     row("blank in front of PM", u"01-02-20  03:04 PM  512 a.txt"_s, u"file a.txt 512 -"_s);
+    row("blank behind A", u"01-02-20  03:04 A M  512 a.txt"_s);
+    row("digit of Unicode", u"01-02-20  03:04PM  51\u0662 a.txt"_s);
+    row("half a letter in the name", u"01-02-20  03:04PM  512 a"_s + QChar(0xDC1A));
     row("24 hours", u"01-02-20  15:04  512 a.txt"_s);
     row("slashes", u"01/02/20  03:04PM  512 a.txt"_s);
     row("folder in lower case", u"01-02-20  03:04AM  <dir>  sub"_s);
@@ -239,6 +267,7 @@ void TestFtpParsers::dosLines_data()
     row("size beyond 64 bits", u"01-02-20  03:04PM  99999999999999999999 a"_s, u"file a 0 -"_s);
     row("no size", u"01-02-20  03:04PM  a.txt"_s);
     row("no name", u"01-02-20  03:04PM  512 "_s);
+    row("name of blanks is for the caller to drop", u"01-02-20  03:04PM  512  "_s, u"file  512 -"_s);
     row("text in front", u" 01-02-20  03:04PM  512 a"_s);
     row("Unix form", u"-rw-r--r-- 1 kim web 512 Jan 2 2020 a.txt"_s);
     row("empty", QString());
@@ -325,6 +354,13 @@ void TestFtpParsers::listingsAreSplitIntoLines()
     QVERIFY(FtpClient::parseList(end).isEmpty());
     QVERIFY(FtpClient::parseMlsd({}).isEmpty());
     QVERIFY(FtpClient::parseList({}).isEmpty());
+
+    // A byte order mark is one in front of the listing alone.
+    const QByteArray mark = "\xEF\xBB\xBF";
+    QCOMPARE(describe(FtpClient::parseMlsd(mark + "type=dir; a" + end + mark + "type=dir; b" + lastEnd)),
+             QStringList({u"dir a -1 -"_s, u"file b -1 -"_s}));
+    QCOMPARE(describe(FtpClient::parseList(mark + date + "1 z" + end + mark + date + "2 a" + lastEnd)),
+             QStringList({u"file z 1 -"_s}));
 }
 
 void TestFtpParsers::timevals_data()

@@ -4,6 +4,7 @@
 #include "support/LocalZone.h"
 #include "support/RecordedWorker.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QScopeGuard>
@@ -44,6 +45,7 @@ class TestMirroring : public QObject
 private slots:
     void filesAreComparedAsConfigured_data();
     void filesAreComparedAsConfigured();
+    void fractionsOfASecondCount();
     void aDownloadIsAnnounced();
 
     void theWalkFollowsTheListing();
@@ -210,6 +212,19 @@ void TestMirroring::filesAreComparedAsConfigured()
         commands += QByteArrayList{"EPSV", "RETR /a.txt"};
     }
     QCOMPARE(recorded.commands, commands + QByteArrayList{"QUIT"});
+}
+
+void TestMirroring::fractionsOfASecondCount()
+{
+    LocalFolder local({u"a.txt: local"_s});
+    QFile file(local.filePath(u"a.txt"_s));
+    const QDateTime time(QDate(2024, 1, 31), QTime(12, 0, 0, 900), Qt::UTC);
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    QVERIFY(file.setFileTime(time, QFileDevice::FileModificationTime));
+    file.close();
+    RecordedWorker recorded(local.path());
+    recorded.mirror({{"/", {remoteFileListedAs("5", "a.txt", "other", "20240131120003")}}});
+    QCOMPARE(recorded.events.last(), u"finished success upToDate=1"_s); // 2.1 seconds are 2 whole ones
 }
 
 void TestMirroring::aDownloadIsAnnounced()

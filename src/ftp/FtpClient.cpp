@@ -8,8 +8,6 @@
 #include <QRegularExpression>
 #include <QScopeGuard>
 #include <QSslSocket>
-#include <QStringTokenizer>
-#include <QTimeZone>
 
 #include <algorithm>
 #include <filesystem>
@@ -21,62 +19,12 @@ namespace {
 
 constexpr int kGoodbyeMs = 2000;
 constexpr qint64 kChunkBytes = 65536;
+constexpr qint64 kReadBufferBytes = 65536; ///< of a data socket; without a bound it takes all that has come
 constexpr qint64 kLongestReply = 1048576; ///< bytes; without a bound a reply that never ends fills the memory
 constexpr qsizetype kLongestName = 255;   ///< bytes or, on Windows, characters of a file name
-constexpr qsizetype kTimevalDigits = 14;
 
 /** Whether a data connection will bring nothing more than what it holds already. */
 bool hasEnded(const QSslSocket *data) { return data->state() != QAbstractSocket::ConnectedState; }
-
-bool isEntryName(QStringView name) { return !name.isEmpty() && name != u"." && name != u".."; }
-
-/** Calls `use` with every line that is not empty. Lines end in LF or CR LF. */
-template <typename Function>
-void forEachLine(const QByteArray &data, Function use)
-{
-    const QString text = QString::fromUtf8(data);
-    for (QStringView line : qTokenize(text, u'\n', Qt::SkipEmptyParts)) {
-        if (line.endsWith(u'\r'))
-            line.chop(1);
-        if (!line.isEmpty())
-            use(line);
-    }
-}
-
-/** Takes over an MLSD type. False if it marks the listed folder or its parent, which are no entries. */
-bool applyType(QStringView value, FtpEntry *entry)
-{
-    const QString type = value.toString().toLower();
-    if (type == u"cdir" || type == u"pdir")
-        return false;
-    entry->isDir = type == u"dir";
-    entry->isSymlink = type.startsWith(u"os.unix=slink");
-    return true;
-}
-
-bool parseMlsdLine(QStringView line, FtpEntry *entry)
-{
-    const qsizetype blank = line.indexOf(u' ');
-    if (blank < 0)
-        return false;
-    entry->name = line.mid(blank + 1).trimmed().toString();
-    if (!isEntryName(entry->name))
-        return false;
-    for (const QStringView fact : qTokenize(line.left(blank), u';', Qt::SkipEmptyParts)) {
-        const qsizetype equals = fact.indexOf(u'=');
-        if (equals < 0)
-            continue;
-        const QString key = fact.left(equals).trimmed().toString().toLower();
-        const QStringView value = fact.mid(equals + 1).trimmed();
-        if (key == u"type" && !applyType(value, entry))
-            return false;
-        if (key == u"size")
-            entry->size = value.toLongLong();
-        else if (key == u"modify")
-            entry->modified = FtpClient::parseTimeval(value.toString());
-    }
-    return true;
-}
 
 /** What a reply says behind its code and the blank. */
 QString replyValue(const QString &reply) { return reply.mid(4).trimmed(); }
@@ -111,12 +59,31 @@ std::filesystem::path nativePath(const QString &path)
 #endif
 }
 
+/** Whether a line begins with three digits and a blank or a hyphen. */
+bool hasReplyCode(QStringView line)
+{
+    const auto isDigit = [](QChar c) { return c >= u'0' && c <= u'9'; };
+    return line.size() > 3 && std::all_of(line.begin(), line.begin() + 3, isDigit) &&
+           (line[3] == u' ' || line[3] == u'-');
+}
+
 /** Opened, a link or a pipe of the working file's name would take the download elsewhere. */
 bool clearTheWay(QFile *part)
 {
     const QFileInfo leftover(*part);
     const bool isFolder = leftover.isDir() && !leftover.isSymLink();
     return isFolder || !(leftover.exists() || leftover.isSymLink()) || part->remove();
+}
+
+/** Opens the working file, empty. Mostly its folder is there and no leftover is, so that is tried first. */
+bool openPart(QFile *part)
+{
+    // Without a buffer a full disk shows at the write that it refuses, with the system's own reason.
+    const auto mode = QIODevice::WriteOnly | QIODevice::Unbuffered;
+    if (part->open(mode | QIODevice::NewOnly))
+        return true;
+    QDir().mkpath(QFileInfo(*part).path());
+    return clearTheWay(part) && part->open(mode | QIODevice::Truncate);
 }
 
 /** A disk that fills up takes what it can still hold at first; only asked for the rest it says why. */
@@ -323,6 +290,7 @@ bool FtpClient::sendCommand(const QString &command, int *code, QString *text, co
 
 bool FtpClient::flushCommand()
 {
+    socket->flush(); // there is room nearly always, and then it goes without a wait
     const auto isPending = [this] {
         return socket->bytesToWrite() > 0 || socket->encryptedBytesToWrite() > 0;
     };
@@ -336,25 +304,23 @@ bool FtpClient::flushCommand()
 
 bool FtpClient::readReply(int *code, QString *text)
 {
-    static const QRegularExpression codeLine(u"^(\\d{3})([ -])"_s);
     QString reply;
     QString firstCode;
     for (;;) {
         if (!awaitReplyLine())
             return false;
-        // The expression sees the trimmed line. Wanted, with all that follows: an indented line of
-        // the same code ends a reply, and a line of nothing but a code and a blank does not.
+        // The code is looked for in the trimmed line. Wanted, with all that follows: an indented line
+        // of the same code ends a reply, and a line of nothing but a code and a blank does not.
         const QString line = QString::fromUtf8(socket->readLine()).trimmed();
         reply += line + u'\n';
         if (reply.size() > kLongestReply) {
             fail(tr("The server's reply is too long"));
             return false;
         }
-        const QRegularExpressionMatch match = codeLine.match(line);
-        if (!match.hasMatch())
+        if (!hasReplyCode(line))
             continue;
-        const QString lineCode = match.captured(1);
-        if (match.captured(2) == u" " && (firstCode.isEmpty() || firstCode == lineCode)) {
+        const QString lineCode = line.left(3);
+        if (line[3] == u' ' && (firstCode.isEmpty() || firstCode == lineCode)) {
             if (code)
                 *code = lineCode.toInt();
             if (text)
@@ -398,6 +364,8 @@ std::unique_ptr<QSslSocket> FtpClient::openDataConnection()
     // send us on to a third host.
     const QHostAddress address = socket->peerAddress();
     std::unique_ptr<QSslSocket> data = createSocket();
+    // What is not read here waits at the server then, however fast it is and however slow the disk.
+    data->setReadBufferSize(kReadBufferBytes);
     // Behind any fault the server's close still follows, and it must not pass for the end of the data.
     dataFault.clear();
     connect(data.get(), &QSslSocket::errorOccurred, this,
@@ -549,11 +517,8 @@ bool FtpClient::download(const QString &remotePath, const QString &localPath, qi
 {
     if (!ensureBinaryMode())
         return false;
-    QDir().mkpath(QFileInfo(localPath).path());
     QFile part(workingName(localPath));
-    // Without a buffer a full disk shows at the write that it refuses, with the system's own reason.
-    if (!clearTheWay(&part) ||
-        !part.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
+    if (!openPart(&part)) {
         failToWrite(part);
         return false;
     }
@@ -595,9 +560,10 @@ bool FtpClient::download(const QString &remotePath, const QString &localPath, qi
 bool FtpClient::receiveFile(QSslSocket *data, QFile *part, const QString &remotePath, qint64 expectedSize,
                             qint64 *received)
 {
+    const QString timeoutText = tr("Timed out receiving '%1'").arg(remotePath);
     QByteArray chunk(kChunkBytes, Qt::Uninitialized);
     for (;;) {
-        if (!awaitData(data, tr("Timed out receiving '%1'").arg(remotePath)))
+        if (!awaitData(data, timeoutText))
             return false;
         const qint64 count = data->read(chunk.data(), chunk.size());
         if (count > 0) {
@@ -666,80 +632,4 @@ qint64 FtpClient::fileSize(const QString &path)
     bool ok = false;
     const qint64 size = replyValue(reply).toLongLong(&ok);
     return ok ? size : -1;
-}
-
-// Parsers
-
-QList<FtpEntry> FtpClient::parseMlsd(const QByteArray &data)
-{
-    QList<FtpEntry> entries;
-    forEachLine(data, [&entries](QStringView line) {
-        FtpEntry entry;
-        if (parseMlsdLine(line, &entry))
-            entries.append(entry);
-    });
-    return entries;
-}
-
-QList<FtpEntry> FtpClient::parseList(const QByteArray &data)
-{
-    QList<FtpEntry> entries;
-    forEachLine(data, [&entries](QStringView view) {
-        if (view.startsWith(u"total "))
-            return;
-        const QString line = view.toString();
-        FtpEntry entry;
-        if ((parseUnixLine(line, &entry) || parseDosLine(line, &entry)) && isEntryName(entry.name))
-            entries.append(entry);
-    });
-    return entries;
-}
-
-bool FtpClient::parseUnixLine(const QString &line, FtpEntry *entry)
-{
-    static const QRegularExpression form(
-        u"^([-dl])[rwxstST-]{9}[.+@]?\\s+\\d+\\s+\\S+(?:\\s+\\S+)?\\s+(\\d+)\\s+"
-        "(\\S{3}\\s+\\d{1,2}\\s+(?:\\d{4}|\\d{1,2}:\\d{2}))\\s+(.+)$"_s);
-    const QRegularExpressionMatch match = form.match(line);
-    if (!match.hasMatch())
-        return false;
-    const QString type = match.captured(1);
-    entry->isDir = type == u"d";
-    entry->isSymlink = type == u"l";
-    entry->size = match.captured(2).toLongLong();
-    // The date is in the server's own time zone and without a year or a time: no use to compare by.
-    entry->name = match.captured(4).trimmed();
-    const qsizetype arrow = entry->name.indexOf(u" -> "_s);
-    if (entry->isSymlink && arrow > 0)
-        entry->name = entry->name.first(arrow).trimmed();
-    return true;
-}
-
-bool FtpClient::parseDosLine(const QString &line, FtpEntry *entry)
-{
-    static const QRegularExpression form(
-        u"^(\\d{2}-\\d{2}-\\d{2,4})\\s+(\\d{1,2}:\\d{2}\\s*[AaPp][Mm])\\s+(<DIR>|\\d+)\\s+(.+)$"_s);
-    const QRegularExpressionMatch match = form.match(line);
-    if (!match.hasMatch())
-        return false;
-    entry->isDir = match.captured(3) == u"<DIR>";
-    entry->size = entry->isDir ? -1 : match.captured(3).toLongLong();
-    entry->name = match.captured(4).trimmed();
-    return true;
-}
-
-QDateTime FtpClient::parseTimeval(const QString &text)
-{
-    const QStringView digits = QStringView(text).left(kTimevalDigits);
-    const auto isDigit = [](QChar c) { return c >= u'0' && c <= u'9'; };
-    if (digits.size() < kTimevalDigits || !std::all_of(digits.begin(), digits.end(), isDigit))
-        return {};
-    const auto number = [digits](qsizetype from, qsizetype length) {
-        return digits.mid(from, length).toInt();
-    };
-    // Date and time are put together in UTC at once: as local time, those inside a spring-forward gap
-    // would count as invalid.
-    const QDate date(number(0, 4), number(4, 2), number(6, 2));
-    const QTime time(number(8, 2), number(10, 2), number(12, 2));
-    return date.isValid() && time.isValid() ? QDateTime(date, time, QTimeZone::utc()).toUTC() : QDateTime();
 }

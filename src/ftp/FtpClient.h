@@ -21,6 +21,7 @@ struct FtpEntry
     qint64 size = -1;        ///< bytes; -1 if unknown
     QDateTime modified = {}; ///< UTC; invalid if unknown
 };
+Q_DECLARE_TYPEINFO(FtpEntry, Q_RELOCATABLE_TYPE); // a list of very many grows without copying
 
 /**
  * A blocking FTP and FTPS client for one server session at a time (RFC 959, 2228, 2428, 3659, 4217).

@@ -11,6 +11,10 @@
 
 #include <algorithm>
 
+#if defined(Q_OS_LINUX) && QT_POINTER_SIZE == 8
+#include <sys/stat.h>
+#endif
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -54,20 +58,43 @@ QString childPath(const QString &folder, const QString &name)
     return folder.endsWith(u'/') ? folder + name : folder + u'/' + name;
 }
 
-bool isNewerOnServer(const FtpEntry &entry, const QFileInfo &local)
+/** What the disk knows of a file, all from one look at it. */
+struct LocalFile
 {
-    const QDateTime localTime = local.fileTime(QFileDevice::FileModificationTime).toUTC();
-    return localTime.secsTo(entry.modified) > kClockSlackSecs;
+    bool exists = false;
+    qint64 size = 0;
+    QDateTime modified = {}; ///< UTC
+};
+
+LocalFile localFile(const QString &path)
+{
+#if defined(Q_OS_LINUX) && QT_POINTER_SIZE == 8
+    // QFileInfo gives a time by way of local time, and that is two looks at the system's time zone for
+    // each file of a run in which nothing has changed.
+    struct stat status = {};
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0)
+        return {};
+    const qint64 msecs = status.st_mtim.tv_sec * 1000 + status.st_mtim.tv_nsec / 1000000;
+    return {true, status.st_size, QDateTime::fromMSecsSinceEpoch(msecs, Qt::UTC)};
+#else
+    const QFileInfo local(path);
+    return {local.exists(), local.size(), local.fileTime(QFileDevice::FileModificationTime).toUTC()};
+#endif
+}
+
+bool isNewerOnServer(const FtpEntry &entry, const LocalFile &local)
+{
+    return local.modified.secsTo(entry.modified) > kClockSlackSecs;
 }
 
 /** Why a file that is there already is fetched again; empty if it counts as up to date. */
-QString difference(const FtpEntry &entry, const QFileInfo &local, int compareBy)
+QString difference(const FtpEntry &entry, const LocalFile &local, int compareBy)
 {
     const bool hasTime = entry.modified.isValid();
     if (!hasTime && entry.size < 0)
         return MirrorWorker::tr("no size or timestamp available");
     const bool bySize = compareBy == SizeAndTimestamp || compareBy == SizeOnly;
-    if (bySize && entry.size >= 0 && entry.size != local.size())
+    if (bySize && entry.size >= 0 && entry.size != local.size)
         return MirrorWorker::tr("size changed");
     const bool byTime = compareBy == SizeAndTimestamp || compareBy == TimestampOnly;
     if (byTime && hasTime && isNewerOnServer(entry, local))
@@ -76,9 +103,9 @@ QString difference(const FtpEntry &entry, const QFileInfo &local, int compareBy)
 }
 
 /** Why a file is fetched; empty if it counts as up to date. */
-QString downloadReason(const FtpEntry &entry, const QFileInfo &local, const MirrorConfig &config)
+QString downloadReason(const FtpEntry &entry, const LocalFile &local, const MirrorConfig &config)
 {
-    if (!local.exists())
+    if (!local.exists)
         return MirrorWorker::tr("new");
     if (config.syncMode == FullSync)
         return MirrorWorker::tr("full re-sync");
@@ -267,7 +294,7 @@ bool MirrorWorker::mirrorDirectory(const QString &remotePath, const QString &loc
         return false;
     }
 
-    Folder folder{remotePath, localPath, depth};
+    Folder folder{remotePath, QDir(localPath).absolutePath(), depth};
     bool succeeded = true;
     for (const FtpEntry &entry : std::as_const(entries)) {
         const Walk walk = cancelRequested ? Walk::Ended : mirrorEntry(entry, &folder);
@@ -295,20 +322,20 @@ MirrorWorker::Walk MirrorWorker::mirrorEntry(const FtpEntry &entry, Folder *fold
         emit log(tr("Skipping unsafe name '%1'.").arg(entry.name), LogWarning);
         return Walk::Done;
     }
-    const QString remoteChild = childPath(folder->remotePath, entry.name);
+    if (config.deleteExtraneous)
+        (entry.isDir ? folder->keepDirs : folder->keepFiles).insert(entry.name);
+    if (entry.isDir && !config.recursive)
+        return Walk::Done;
     // Not by absoluteFilePath(): that takes a name with a colon in front for one of the resources.
-    const QString localChild = childPath(QDir(folder->localPath).absolutePath(), entry.name);
-    if (entry.isDir) {
-        folder->keepDirs.insert(entry.name);
-        return config.recursive ? mirrorSubfolder(remoteChild, localChild, folder->depth + 1) : Walk::Done;
-    }
-    folder->keepFiles.insert(entry.name);
-    const QString reason = downloadReason(entry, QFileInfo(localChild), config);
+    const QString localChild = childPath(folder->localPath, entry.name);
+    if (entry.isDir)
+        return mirrorSubfolder(childPath(folder->remotePath, entry.name), localChild, folder->depth + 1);
+    const QString reason = downloadReason(entry, localFile(localChild), config);
     if (reason.isEmpty()) {
         ++result.upToDate;
         return Walk::Done;
     }
-    return transferFile(entry, remoteChild, localChild, reason);
+    return transferFile(entry, childPath(folder->remotePath, entry.name), localChild, reason);
 }
 
 MirrorWorker::Walk MirrorWorker::mirrorSubfolder(const QString &remotePath, const QString &localPath,

@@ -66,10 +66,10 @@ private:
     struct Folder
     {
         QString remotePath;
-        QString localPath;
+        QString localPath; ///< absolute
         int depth;
-        QSet<QString> keepFiles = {}; ///< names that the server has as files
-        QSet<QString> keepDirs = {};  ///< names that the server has as folders
+        QSet<QString> keepFiles = {}; ///< names that the server has as files; only for a job that prunes
+        QSet<QString> keepDirs = {};  ///< names that the server has as folders; likewise
     };
 
     /** How the walk of a folder goes on after an entry. */

@@ -10,6 +10,7 @@
 #include <bit>
 #include <limits>
 #include <numeric>
+#include <optional>
 
 using namespace Qt::StringLiterals;
 
@@ -44,6 +45,21 @@ QDateTime localInstant(const QDate &date, const QTime &time)
     const bool existsBefore = offsetAt(digits - before) == before;
     const bool existsAfter = offsetAt(digits - after) == after;
     return QDateTime::fromSecsSinceEpoch(digits - (existsAfter && !existsBefore ? after : before));
+}
+
+/**
+ * Midnight in milliseconds since the epoch, if every time of the date lies as far behind it as the clock
+ * reads: where the offset is the same a day before and a day after, it does not change in between, since
+ * no zone changes twice in three days.
+ */
+std::optional<qint64> steadyMidnight(const QDate &date)
+{
+    constexpr qint64 day = 86400; // seconds
+    const qint64 digits = QDateTime(date, QTime(0, 0), Qt::UTC).toSecsSinceEpoch();
+    const int offset = offsetAt(digits - day);
+    if (offsetAt(digits + 2 * day) != offset)
+        return {};
+    return (digits - offset) * 1000;
 }
 
 /** Minutes as stored: numbers from 0 to 59, each once, ascending; none at all means the full hour. */
@@ -295,16 +311,20 @@ QDateTime ScheduleRule::nextAfter(const QDateTime &from) const
     const QDateTime threshold = from.addSecs(kThresholdSecs);
     QList<int> sorted = minutes;
     std::sort(sorted.begin(), sorted.end());
+    const qint64 thresholdMs = threshold.toMSecsSinceEpoch();
     QDateTime moved; // the earliest hit that a clock change has moved: one behind it may come sooner
     for (int offset = 0; offset <= kDaysAhead; ++offset) {
         const QDate date = from.date().addDays(offset);
         if (!(days & (1U << (date.dayOfWeek() - 1))))
             continue;
+        const std::optional<qint64> midnight = steadyMidnight(date);
         for (int hour = 0; hour < 24; ++hour) {
             if (!(hours & (1U << hour)))
                 continue;
             for (const int minute : std::as_const(sorted)) {
                 const QTime time(hour, minute);
+                if (midnight && *midnight + time.msecsSinceStartOfDay() <= thresholdMs)
+                    continue; // told without asking the zone for each minute of a day that is nearly over
                 const QDateTime instant = localInstant(date, time);
                 if (instant <= threshold)
                     continue;
