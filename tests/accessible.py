@@ -258,7 +258,8 @@ def write_settings(home, update_port):
 
 def look_around(window):
     window.check_names(["Jobs", "Add", "Edit", "Remove", "Test", "Sync Now", "Stop", "Auto", "Log"])
-    window.part("filler", "Status panel")
+    words = window.part("filler", "Status panel").description
+    check("AUTO is off." in words and "MORNING NEWS" in words, f"the panel says: {words}")
     window.check_menus()
     window.check_table("Morning news")
 

@@ -1,4 +1,5 @@
-// Makes the pictures of the documentation: kelpwharf_pictures FOLDER. No test; tools/screenshots runs it.
+// Makes pictures of the program: kelpwharf_pictures FOLDER for those of the documentation,
+// kelpwharf_pictures FOLDER all for every window in its states. No test; tools/screenshots runs it.
 
 #include "panel/VfdPanel.h"
 #include "support/DialogVisit.h"
@@ -10,7 +11,11 @@
 #include "update/UpdateDialog.h"
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QDir>
+#include <QLineEdit>
+#include <QMenu>
+#include <QMenuBar>
 #include <QScreen>
 #include <QTabBar>
 #include <QTabWidget>
@@ -171,6 +176,79 @@ void takeUpdates()
     take(&about, u"about"_s);
 }
 
+void takeMenus(const TestWindow &window)
+{
+    for (const QAction *entry : window.menuBar()->actions()) {
+        QMenu *menu = entry->menu();
+        menu->popup(window.mapToGlobal(QPoint(0, 30)));
+        take(menu, u"menu-"_s + entry->text().remove(u'&').toLower());
+        menu->close();
+    }
+}
+
+void takeQuestion(const TestWindow &window)
+{
+    const DialogVisit question(QCoreApplication::applicationName(), [](QDialog *box) {
+        take(box, u"question"_s);
+        clickButton(box, u"No"_s);
+    });
+    window.press("removeButton");
+}
+
+void takeRefusals(const TestWindow &window)
+{
+    const DialogVisit rule(u"Schedule"_s, [](QDialog *editor) {
+        for (auto *box : editor->findChildren<QCheckBox *>())
+            box->setChecked(false);
+        editor->findChild<QLineEdit *>()->clear();
+        take(editor, u"schedule-rule-empty"_s);
+        clickButton(editor, u"Cancel"_s);
+    });
+    const DialogVisit visit(kEditor, [](QDialog *editor) {
+        auto *tabs = editor->findChild<QTabWidget *>();
+        tabs->setCurrentIndex(tabs->count() - 1);
+        take(editor, u"job-schedule-unusable"_s);
+        clickButton(editor, u"Edit..."_s);
+        clickButton(editor, u"Cancel"_s);
+    });
+    window.press("editButton");
+}
+
+/** A window with every kind of row and line, and what it opens. */
+void takeStates()
+{
+    SyncJob good = TestJobs::lastRunAgo(u"Recordings"_s, 3600);
+    good.lastSummary = u"12 NEW · 3 SAME · 0 DEL · 0 FAIL · 4.1 MB"_s;
+    SyncJob bad = good;
+    bad.name = u"Photographs"_s;
+    bad.lastOk = false;
+    bad.config.syncMode = FullSync;
+    SyncJob other = TestJobs::weekly(u"Minutes"_s);
+    other.enabled = false;
+    other.rules += ScheduleRule();
+    other.rules.first().days = 0;
+    other.config.deleteExtraneous = true;
+    TestJobs::store({good, bad, other});
+    TestWindow window;
+    window.show();
+    window.selectJob(2);
+    for (const int level : {0, 1, 2, 3})
+        window.sayFromWorker(u"A line of level %1."_s.arg(level), level);
+    window.choose(window.menuTitles().first(), u"Show FTP protocol chatter"_s);
+    window.sayFromWorker(u"> LIST -a"_s, 3);
+    take(&window, u"window-states"_s);
+    takeMenus(window);
+    takeQuestion(window);
+    takeRefusals(window);
+
+    UpdateInfo info;
+    info.latestVersion = u"1.1.0"_s;
+    info.critical = true;
+    UpdateDialog update(info, QCoreApplication::applicationVersion(), &window);
+    update.show();
+    take(&update, u"update-critical"_s);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -180,9 +258,13 @@ int main(int argc, char *argv[])
     QApplication::setCursorFlashTime(0);
     VfdPanel::nameFontStandIns();
     TestWindow::setIdentity();
-    require(argc == 2 && QDir().mkpath(QString::fromLocal8Bit(argv[1])), "kelpwharf_pictures FOLDER");
+    const bool all = argc == 3 && QByteArrayView(argv[2]) == "all";
+    require((argc == 2 || all) && QDir().mkpath(QString::fromLocal8Bit(argv[1])),
+            "kelpwharf_pictures FOLDER [all]");
     folder = QString::fromLocal8Bit(argv[1]);
     takeWindows();
     takeUpdates();
+    if (all)
+        takeStates();
     return 0;
 }

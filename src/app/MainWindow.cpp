@@ -2,6 +2,7 @@
 
 #include "app/JobTexts.h"
 #include "dialogs/JobDialog.h"
+#include "dialogs/ReadableColours.h"
 #include "mirror/MirrorWorker.h"
 #include "model/LogLevel.h"
 #include "model/SettingsStore.h"
@@ -145,6 +146,8 @@ void MainWindow::buildTable()
         {QString(), tr("Job"), tr("Server"), tr("Mode"), tr("Schedule"), tr("Next run"), tr("Last result")});
     table->horizontalHeaderItem(kEnabled)->setData(Qt::AccessibleTextRole, tr("Enabled"));
     table->setAccessibleName(tr("Jobs"));
+    table->setTabKeyNavigation(false); // the arrow keys go from cell to cell; Tab must lead out again
+    ensureLightRows(table);
     table->setSelectionBehavior(QAbstractItemView::SelectRows);
     table->setSelectionMode(QAbstractItemView::SingleSelection);
     table->setEditTriggers(QAbstractItemView::NoEditTriggers);
@@ -159,6 +162,7 @@ void MainWindow::buildTable()
     header->setMinimumSectionSize(28);
     header->resizeSection(kEnabled, 28);
     header->resizeSection(kMode, fontMetrics().horizontalAdvance(u"NEW + CHANGED + PRUNE"_s) + 12);
+    header->resizeSection(kSchedule, fontMetrics().horizontalAdvance(u"Every hour at :00"_s) + 12);
     connect(table, &QTableWidget::itemSelectionChanged, this, &MainWindow::onSelectionChanged);
     connect(table, &QTableWidget::itemDoubleClicked, this, [this](const QTableWidgetItem *item) {
         table->selectRow(item->row()); // a click on the check box alone selects nothing
@@ -326,6 +330,13 @@ void MainWindow::quit()
 {
     quitting = true;
     close();
+}
+
+void MainWindow::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::ApplicationPaletteChange && table)
+        ensureLightRows(table); // a desktop may turn dark in the evening
+    QMainWindow::changeEvent(event);
 }
 
 void MainWindow::closeEvent(QCloseEvent *event)

@@ -66,6 +66,7 @@ private slots:
     void onTestFinished(bool ok, const QString &message);
 
 protected:
+    void changeEvent(QEvent *event) override;
     void closeEvent(QCloseEvent *event) override;
 
 private:

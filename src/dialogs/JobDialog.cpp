@@ -1,5 +1,6 @@
 #include "dialogs/JobDialog.h"
 
+#include "dialogs/ReadableColours.h"
 #include "dialogs/SchedulePreview.h"
 #include "dialogs/ScheduleRuleDialog.h"
 
@@ -48,6 +49,7 @@ QLineEdit *lineEdit(QLatin1StringView name, QWidget *parent)
 {
     auto *edit = named<QLineEdit>(name, parent);
     edit->setMaxLength(std::numeric_limits<int>::max());
+    ensureReadablePlaceholder(edit);
     return edit;
 }
 
@@ -253,6 +255,7 @@ QWidget *JobDialog::buildRulesPanel(QWidget *tab)
     ruleList->setMinimumHeight(96);
     ruleList->setAlternatingRowColors(true);
     ruleList->setAccessibleName(tr("Schedules"));
+    ensureLightRows(ruleList);
     connect(ruleList, &QListWidget::itemDoubleClicked, this, &JobDialog::onEditRule);
     connect(ruleList, &QListWidget::currentRowChanged, this, &JobDialog::updateEnabledStates);
     row->addWidget(ruleList, 1);

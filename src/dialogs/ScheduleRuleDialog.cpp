@@ -1,5 +1,6 @@
 #include "dialogs/ScheduleRuleDialog.h"
 
+#include "dialogs/ReadableColours.h"
 #include "dialogs/SchedulePreview.h"
 
 #include <QCheckBox>
@@ -118,6 +119,7 @@ QBoxLayout *ScheduleRuleDialog::buildMinuteRow()
     minutesEdit->setMaximumWidth(180);
     minutesEdit->setMinimumWidth(180); // or the placeholder is cut
     minutesEdit->setPlaceholderText(tr("0    or    0, 30    or    55"));
+    ensureReadablePlaceholder(minutesEdit);
     connect(minutesEdit, &QLineEdit::textChanged, this, &ScheduleRuleDialog::refreshPreview);
     label->setBuddy(minutesEdit);
     auto *row = new QHBoxLayout;

@@ -258,6 +258,7 @@ VfdPanel::VfdPanel(QWidget *parent) : QWidget(parent), blinkTimer(new QTimer(thi
     });
     blinkTimer->start();
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
+    describe();
 }
 
 VfdPanel::~VfdPanel() = default;
@@ -276,6 +277,7 @@ QSize VfdPanel::minimumSizeHint() const { return kMinimumSize; }
 void VfdPanel::setMode(Mode newMode)
 {
     mode = newMode;
+    describe();
     update();
 }
 
@@ -283,18 +285,21 @@ void VfdPanel::setLink(Link newLink, const QString &detail)
 {
     link = newLink;
     linkDetail = detail;
+    describe();
     update();
 }
 
 void VfdPanel::setHost(const QString &newHost)
 {
     host = newHost;
+    describe();
     update();
 }
 
 void VfdPanel::setJobName(const QString &name)
 {
     jobName = name.toUpper();
+    describe();
     update();
 }
 
@@ -306,7 +311,10 @@ void VfdPanel::setSyncModeLabel(const QString &label)
 
 void VfdPanel::setCurrentFile(const QString &path)
 {
+    const bool isNew = path != currentFile; // told at every step of a file's way
     currentFile = path;
+    if (isNew)
+        describe();
     update();
 }
 
@@ -325,6 +333,7 @@ void VfdPanel::setFileProgress(double fraction)
 void VfdPanel::setNextRun(const QDateTime &when)
 {
     nextRun = when;
+    describe();
     update();
 }
 
@@ -332,6 +341,7 @@ void VfdPanel::setLastRun(const QDateTime &when, const QString &summary)
 {
     lastRun = when;
     lastRunText = summary.toUpper();
+    describe();
     update();
 }
 
@@ -345,6 +355,7 @@ void VfdPanel::setRunning(bool on)
         fileProgress = -1.0;
         currentFile.clear();
     }
+    describe();
     update();
 }
 
@@ -425,6 +436,57 @@ QString VfdPanel::nextActionText() const
     if (nextRun.isValid() && mode != Off)
         return u"NEXT %1"_s.arg(nextRun.toString(u"ddd HH:mm"_s)).toUpper();
     return linkDetail.left(kLongestDetail).toUpper();
+}
+
+// What the face says, for those who cannot see it. The clock and the meters are left out: they would
+// make it change all the time.
+
+QString VfdPanel::linkInWords() const
+{
+    switch (link) {
+    case Connecting:
+        return host.isEmpty() ? tr("Connecting.") : tr("Connecting to %1.").arg(host);
+    case Connected:
+        return host.isEmpty() ? tr("Connected.") : tr("Connected to %1.").arg(host);
+    case Transferring:
+        return host.isEmpty() ? tr("Transferring.") : tr("Transferring from %1.").arg(host);
+    case Error:
+        return linkDetail.isEmpty() ? tr("Error.") : tr("Error: %1.").arg(linkDetail);
+    default:
+        return tr("Offline.");
+    }
+}
+
+QStringList VfdPanel::stateInWords() const
+{
+    QStringList words;
+    switch (mode) {
+    case Auto:
+        words += tr("AUTO is on.");
+        break;
+    case Manual:
+        words += tr("Started by hand.");
+        break;
+    default:
+        words += tr("AUTO is off.");
+    }
+    if (!jobName.isEmpty())
+        words += (running ? tr("Running: %1.") : tr("Job: %1.")).arg(jobName);
+    words += linkInWords();
+    if (running && !currentFile.isEmpty())
+        words += tr("File: %1.").arg(currentFile);
+    if (nextRun.isValid() && mode != Off)
+        words += tr("Next run: %1.").arg(nextRun.toString(u"dddd HH:mm"_s));
+    words += lastRun.isValid() ? tr("Last run: %1, %2.").arg(lastRun.toString(u"HH:mm"_s), lastRunText)
+                               : tr("No last run.");
+    return words;
+}
+
+void VfdPanel::describe()
+{
+    const QString words = stateInWords().join(u' ');
+    if (words != accessibleDescription()) // or each setting would be announced as news
+        setAccessibleDescription(words);
 }
 
 QFont VfdPanel::labelFont(int pointSize, bool bold) const

@@ -4,6 +4,7 @@
 #include <QList>
 #include <QRectF>
 #include <QString>
+#include <QStringList>
 #include <QWidget>
 
 class QTimer;
@@ -125,6 +126,9 @@ private:
     qint64 shownSeconds() const;
     QString lastActionText() const;
     QString nextActionText() const;
+    QString linkInWords() const;
+    QStringList stateInWords() const;
+    void describe();
 
     Mode mode = Off;
     Link link = Offline;

@@ -1,5 +1,6 @@
 #include "update/AboutDialog.h"
 
+#include "dialogs/ReadableColours.h"
 #include "update/DialogStyle.h"
 
 #include <QCoreApplication>

@@ -1,20 +1,6 @@
 #include "update/DialogStyle.h"
 
-#include <QPalette>
 #include <QWidget>
-
-namespace {
-
-constexpr int kLightEnough = 200; ///< grey text has a contrast of 4.5 to 1 from here on
-constexpr QColor kLightGround(0xF0, 0xF0, 0xF0);
-
-} // namespace
-
-void ensureLightGround(QWidget *dialog)
-{
-    if (dialog->palette().color(QPalette::Window).lightness() < kLightEnough)
-        dialog->setPalette(QPalette(kLightGround));
-}
 
 QPixmap scaledPicture(const QString &path, int height, const QWidget *widget)
 {

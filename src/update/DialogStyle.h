@@ -7,8 +7,5 @@ class QWidget;
 
 /** What the dialogs about the program itself have in common. */
 
-/** Gives the dialog a light ground on a dark desktop: its colours are made for one. */
-void ensureLightGround(QWidget *dialog);
-
 /** Sharp at the widget's pixel ratio, height in device-independent pixels; null if it does not load. */
 QPixmap scaledPicture(const QString &path, int height, const QWidget *widget);

@@ -1,5 +1,6 @@
 #include "update/UpdateDialog.h"
 
+#include "dialogs/ReadableColours.h"
 #include "update/DialogStyle.h"
 #include "update/ForeignText.h"
 #include "update/UpdateChecker.h"
