@@ -87,6 +87,7 @@ int main(int argc, char *argv[])
     QCoreApplication::setOrganizationDomain(QStringLiteral(KELPWHARF_DOMAIN));
     QCoreApplication::setApplicationName(u"Kelpwharf"_s);
     QCoreApplication::setApplicationVersion(QStringLiteral(KELPWHARF_VERSION));
+    QGuiApplication::setDesktopFileName(QStringLiteral(KELPWHARF_ID));
     QGuiApplication::setWindowIcon(QIcon(u":/Kelpwharf.png"_s));
     QGuiApplication::setQuitOnLastWindowClosed(false);
 
