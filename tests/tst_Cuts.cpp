@@ -238,7 +238,9 @@ QString lossOf(const QString &path, const Attempt &attempt, const Outcome &outco
     const QByteArray folder = prunedWith(path);
     if (folder.isEmpty())
         return path + u" is gone"_s;
-    if (!attempt.listed.contains(folder) || !confirmedFolders(outcome.events).contains(folder))
+    // The signatures of a TLS handshake differ by some bytes in length, so a run can end before its cut.
+    const bool wasListed = !outcome.isCut || attempt.listed.contains(folder);
+    if (!wasListed || !confirmedFolders(outcome.events).contains(folder))
         return path + u" was pruned without a confirmed listing"_s;
     return {};
 }
@@ -289,9 +291,10 @@ QString problemOf(const Attempt &attempt, const Outcome &outcome)
 
 QString describe(const Attempt &attempt, const Outcome &outcome)
 {
-    return u"%1, connection %2 cut behind %3 bytes, ended with: %4\n%5"_s.arg(
+    return u"%1, connection %2 %3 behind %4 bytes, ended with: %5\n%6"_s.arg(
         attempt.session.tls ? u"TLS"_s : u"plain"_s, QString::number(attempt.cut.connection),
-        QString::number(attempt.cut.offset), outcome.told, outcome.events.join(u'\n'));
+        outcome.isCut ? u"cut"_s : u"to be cut"_s, QString::number(attempt.cut.offset), outcome.told,
+        outcome.events.join(u'\n'));
 }
 
 /** Calls `work` with every number below `count` on so many threads, until it answers false. */
