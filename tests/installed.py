@@ -84,6 +84,41 @@ def check_man_page(share, version):
     assert "@" not in page, "something was not filled in"
 
 
+def anchors(page):
+    """What the headings of a page can be linked by."""
+    headings = re.findall(r"^#+ (.*)$", page.read_text(), re.MULTILINE)
+    return [re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings]
+
+
+def links(page):
+    """All that a page links to or shows, but for addresses in the net: file and anchor, each may be empty."""
+    targets = re.findall(r"\]\(([^)\s]+)\)", page.read_text())
+    return [target.partition("#")[::2] for target in targets if "://" not in target]
+
+
+def check_links(pages):
+    """None leads nowhere; returns the files that they lead to."""
+    reached = set()
+    for page in pages:
+        for name, anchor in links(page):
+            target = (page.parent / name).resolve() if name else page.resolve()
+            assert target.exists(), f"{page.name} links to {name}, which is not there"
+            assert not anchor or anchor in anchors(target), f"{page.name}: {name} has no heading #{anchor}"
+            reached.add(target)
+    return reached
+
+
+def check_documents(share, source):
+    pages = list((share / "doc/kelpwharf").glob("*.md"))
+    reached = check_links(pages)
+    installed = {path.resolve() for path in (share / "doc/kelpwharf/images").iterdir()}
+    assert installed and installed <= reached, f"no page shows {installed - reached}"
+
+    pages = [*source.glob("*.md"), *source.glob("docs/*.md")]
+    assert source / "README.md" in pages
+    assert len(check_links(pages)) > 30, "hardly a link: has the way of writing them changed?"
+
+
 def check_debian(source, version):
     first = (source / "packaging/debian/changelog").read_text().splitlines()[0]
     assert re.match(rf"kelpwharf \({re.escape(version)}-\d+\) ", first), first
@@ -142,6 +177,7 @@ def main():
         check_man_page(share, version)
         assert (share / "doc/kelpwharf/manual.md").exists()
         assert (share / "doc/kelpwharf/LICENSE").exists()
+        check_documents(share, source)
     check_debian(source, version)
     check_flatpak(source)
     check_bundle(build, source, identity, version)
