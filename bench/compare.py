@@ -1,6 +1,7 @@
 """Measures the worker beside other FTP clients and writes the figures down. tools/bench calls it."""
 
 import argparse
+import filecmp
 import json
 import math
 import os
@@ -107,6 +108,8 @@ def make_tree(root, row):
             with open(path, "wb") as file:
                 for start in range(0, row.size, MIB):
                     file.write(block[: min(MIB, row.size - start)])
+                file.seek(0)
+                file.write(path.name.encode()[: row.size])  # so that no two are alike
             os.utime(path, (FILE_TIME, FILE_TIME))
             path.chmod(0o644)
     for folder in {root, *folders}:
@@ -121,7 +124,13 @@ def files_below(folder):
             yield entry
 
 
-def fault_of(mirror, row, started):
+def is_like(entry, original):
+    """Whether a mirrored file has the bytes and the time of the served one."""
+    return (abs(entry.stat().st_mtime - FILE_TIME) < 1 and original.is_file() and
+            filecmp.cmp(entry.path, original, shallow=False))
+
+
+def fault_of(mirror, served, row, started):
     """What is wrong with a mirror; None if nothing is."""
     count, size, fresh = 0, 0, 0
     if mirror.is_dir():
@@ -134,6 +143,12 @@ def fault_of(mirror, row, started):
         return f"{count:,} files of {size:,} bytes instead of {row.files:,} of {row.bytes:,}"
     if row.there and fresh:
         return f"wrote {fresh:,} files again"
+    if not row.there:
+        filecmp.clear_cache()  # which believes size and time
+        unlike = sum(not is_like(entry, served / Path(entry.path).relative_to(mirror))
+                     for entry in files_below(mirror))
+        if unlike:
+            return f"{unlike:,} files differ from the served ones in bytes or time"
     return None
 
 
@@ -354,7 +369,7 @@ class Bench:
             output.seek(0, os.SEEK_END)
             output.seek(max(0, output.tell() - 300))
             said = output.read().decode(errors="replace").strip()
-        fault = fault_of(local, row, started - 0.01)
+        fault = fault_of(local, self.served / tree, row, started - 0.01)
         if fault:
             self.prepare(name, row, afresh=True)
         if status != 0:

@@ -23,6 +23,10 @@
 #include <limits>
 #include <memory>
 
+#ifdef Q_OS_UNIX
+#include <sys/stat.h>
+#endif
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -314,6 +318,14 @@ void startCopy(QProcess *process, const TestSettings &store, const QString &whic
     process->start(QCoreApplication::applicationFilePath(), {QString::fromLatin1(kSaveOption), home, which});
 }
 
+#ifdef Q_OS_UNIX
+unsigned modeOf(const QString &path)
+{
+    struct stat status = {};
+    return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_mode & 07777U : 0U;
+}
+#endif
+
 } // namespace
 
 class tst_AppSettings : public QObject
@@ -380,6 +392,9 @@ private slots:
     void anUnsafeFileIsReadAndMended();
     void rubbishIsRead_data();
     void rubbishIsRead();
+    void othersCannotReadANewFile_data();
+    void othersCannotReadANewFile();
+    void anOldFileKeepsItsPermissions();
     void unusableFilesAreTakenInSilence_data();
     void unusableFilesAreTakenInSilence();
     void tenThousandJobsSurviveTheFile();
@@ -1560,6 +1575,45 @@ void tst_AppSettings::rubbishIsRead()
     const QStringList saved = describe(settings);
     settings.save();
     QCOMPARE(describe(loaded()), saved);
+}
+
+void tst_AppSettings::othersCannotReadANewFile_data()
+{
+    QTest::addColumn<bool>("hasFolder");
+    QTest::newRow("in its folder") << true;
+    QTest::newRow("with its folder") << false;
+}
+
+void tst_AppSettings::othersCannotReadANewFile()
+{
+#ifdef Q_OS_UNIX
+    QFETCH(bool, hasFolder);
+    const QString path = store->filePath();
+    if (!hasFolder)
+        QVERIFY(QDir().rmdir(QFileInfo(path).path()));
+    const mode_t oldMask = ::umask(0);
+    const auto maskBack = qScopeGuard([oldMask] { ::umask(oldMask); });
+    for (int saves = 0; saves < 2; ++saves) {
+        fullSettings().save();
+        QCOMPARE(modeOf(path), 0600U);
+    }
+    QCOMPARE(describe(loaded()), describe(fullSettings()));
+#else
+    QSKIP("The system has no such permissions");
+#endif
+}
+
+void tst_AppSettings::anOldFileKeepsItsPermissions()
+{
+#ifdef Q_OS_UNIX
+    store->write(oneJobFile(u"name=alpha"_s));
+    QCOMPARE(::chmod(QFile::encodeName(store->filePath()).constData(), 0640), 0);
+    fullSettings().save();
+    QCOMPARE(modeOf(store->filePath()), 0640U);
+    QCOMPARE(describe(loaded()), describe(fullSettings()));
+#else
+    QSKIP("The system has no such permissions");
+#endif
 }
 
 void tst_AppSettings::unusableFilesAreTakenInSilence_data()

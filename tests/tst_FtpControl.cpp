@@ -131,6 +131,12 @@ void TestFtpControl::repliesAreReadToTheirEnd_data()
     row("bare code", "213\r\n213 b\r\n", u"< 213\n213 b"_s);
     row("code and a blank", "213 \r\n213 b\r\n", u"< 213\n213 b"_s);
     row("code and a tab", "213\ta\r\n213 b\r\n", u"< 213\ta\n213 b"_s);
+    row("digits of another script", "\xD9\xA2\xD9\xA1\xD9\xA3 a\r\n213 b\r\n",
+        u"< \u0662\u0661\u0663 a\n213 b"_s);
+    row("code and a blank of another kind",
+        "213\xC2\xA0"
+        "a\r\n213 b\r\n",
+        u"< 213\u00A0a\n213 b"_s);
     row("code and a hyphen", "213-\r\n213 b\r\n", u"< 213-\n213 b"_s);
     row("indented line ends the block", "213-a\r\n 213 b\r\n213 c\r\n", u"< 213-a\n213 b"_s, u"< 213 c"_s);
     row("blank ends at once", "213 a\r\n213-b\r\n213 c\r\n", u"< 213 a"_s, u"< 213-b\n213 c"_s);

@@ -46,6 +46,8 @@ private slots:
     void filesAreComparedAsConfigured_data();
     void filesAreComparedAsConfigured();
     void fractionsOfASecondCount();
+    void aFileFromTheBeginningOfTimeIsOld_data();
+    void aFileFromTheBeginningOfTimeIsOld();
     void aDownloadIsAnnounced();
 
     void theWalkFollowsTheListing();
@@ -225,6 +227,34 @@ void TestMirroring::fractionsOfASecondCount()
     RecordedWorker recorded(local.path());
     recorded.mirror({{"/", {remoteFileListedAs("5", "a.txt", "other", "20240131120003")}}});
     QCOMPARE(recorded.events.last(), u"finished success upToDate=1"_s); // 2.1 seconds are 2 whole ones
+}
+
+void TestMirroring::aFileFromTheBeginningOfTimeIsOld_data()
+{
+    QTest::addColumn<QByteArray>("time");
+    QTest::addColumn<QStringList>("expected");
+    QTest::newRow("the same") << QByteArray("19700101000000") << QStringList();
+    QTest::newRow("two seconds newer") << QByteArray("19700101000002") << QStringList();
+    QTest::newRow("three seconds newer")
+        << QByteArray("19700101000003") << QStringList{u"0 Downloading /a.txt (newer on server)"_s};
+    QTest::newRow("older") << QByteArray("19691231235950") << QStringList();
+}
+
+void TestMirroring::aFileFromTheBeginningOfTimeIsOld()
+{
+#ifndef Q_OS_LINUX
+    QSKIP("Qt takes this time for none");
+#endif
+    QFETCH(const QByteArray, time);
+    QFETCH(const QStringList, expected);
+    LocalFolder local({u"a.txt: local"_s});
+    setFileTime(local.filePath(u"a.txt"_s), "19700101000000");
+    RecordedWorker recorded(local.path());
+    recorded.mirror({{"/", {remoteFileListedAs("5", "a.txt", "other", time)}}});
+    QCOMPARE(decisions(recorded), expected);
+    // A second run finds the file as the first one dated it.
+    recorded.mirror({{"/", {remoteFileListedAs("5", "a.txt", "other", time)}}});
+    QCOMPARE(decisions(recorded), QStringList());
 }
 
 void TestMirroring::aDownloadIsAnnounced()

@@ -165,6 +165,8 @@ private slots:
     void linksAreKeptAsWhatTheyPointTo_data();
     void linksAreKeptAsWhatTheyPointTo();
     void aPrunedFolderIsNotLeftThroughItsLinks();
+    void aSessionThatIsLostOverTheTimesPrunesNothing();
+    void theFolderThatIsPrunedIsTheOneThatIsFilled();
 };
 
 // Pruning
@@ -861,6 +863,29 @@ void TestPruning::aPrunedFolderIsNotLeftThroughItsLinks()
     const RemoteTree tree{{"/", {remoteFolder("kept")}}, {"/kept", {remoteFile("a", "x")}}};
     QCOMPARE(recorded.mirror(tree), u"success upToDate=1 deleted=1"_s);
     QCOMPARE(local.read(), QStringList{u"kept/a: x"_s});
+    QCOMPARE(local.harm(), QString());
+}
+
+void TestPruning::aSessionThatIsLostOverTheTimesPrunesNothing()
+{
+    const LocalFolder local({u"a: x"_s, u"b: x"_s, u"old: x"_s});
+    RecordedWorker recorded(local.path());
+    recorded.config.deleteExtraneous = true;
+    const FtpTreeOptions options{.listing = FtpTreeOptions::Unix, .faults = {Fault::at("MDTM a").close()}};
+    QCOMPARE(recorded.mirror({{"/", {remoteFile("a", "x"), remoteFile("b", "x")}}}, options),
+             u"upToDate=2 message='Not connected'"_s);
+    QCOMPARE(local.read(), (QStringList{u"a: x"_s, u"b: x"_s, u"old: x"_s}));
+}
+
+void TestPruning::theFolderThatIsPrunedIsTheOneThatIsFilled()
+{
+    // For the system the way up from behind a link leads elsewhere than for who reads the path.
+    LocalFolder local({u"away -> ../canary/deep"_s, u"job/old: x"_s});
+    RecordedWorker recorded(local.filePath(u"away/../job"_s));
+    recorded.config.deleteExtraneous = true;
+    QCOMPARE(recorded.mirror({{"/", {remoteFile("a", "1", kTime)}}}),
+             u"success downloaded=1 deleted=1 bytes=1"_s);
+    QCOMPARE(local.read(), sorted({u"away -> ../canary/deep"_s, u"job/a: 1"_s}));
     QCOMPARE(local.harm(), QString());
 }
 

@@ -552,7 +552,7 @@ bool FtpClient::download(const QString &remotePath, const QString &localPath, qi
     discardPart.dismiss();
 
     QFile file(localPath);
-    if (remoteTime.isValid() && file.open(QIODevice::ReadWrite))
+    if (remoteTime.isValid() && file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly))
         file.setFileTime(remoteTime, QFileDevice::FileModificationTime);
     return true;
 }

@@ -145,9 +145,12 @@ void MirrorWorker::runSync(const MirrorConfig &jobConfig)
     QElapsedTimer runMeter;
     runMeter.start();
 
+    // Behind a link, ".." leads elsewhere for the system than for who reads the path. Resolved once and
+    // for all, what is filled is also what is pruned.
+    const QString localRoot = QDir(config.localDir).absolutePath();
     // A path without a name would be the working directory, with whatever it holds.
     const bool hasLocalFolder =
-        !config.localDir.isEmpty() && (QDir(config.localDir).exists() || QDir().mkpath(config.localDir));
+        !config.localDir.isEmpty() && (QDir(localRoot).exists() || QDir().mkpath(localRoot));
     if (!hasLocalFolder) {
         result.message = tr("Cannot create the local folder '%1'").arg(config.localDir);
         emit log(result.message, LogError);
@@ -172,7 +175,7 @@ void MirrorWorker::runSync(const MirrorConfig &jobConfig)
     }
     setStatus(kConnected);
 
-    const bool walked = mirrorDirectory(config.remoteDir, config.localDir, 0);
+    const bool walked = mirrorDirectory(config.remoteDir, localRoot, 0);
     closeSession();
     emit throughput(0.0);
     // Before the message is settled, so a run that was stopped ends in an error without a text. Wanted.
@@ -294,7 +297,7 @@ bool MirrorWorker::mirrorDirectory(const QString &remotePath, const QString &loc
         return false;
     }
 
-    Folder folder{remotePath, QDir(localPath).absolutePath(), depth};
+    Folder folder{remotePath, localPath, depth};
     bool succeeded = true;
     for (const FtpEntry &entry : std::as_const(entries)) {
         const Walk walk = cancelRequested ? Walk::Ended : mirrorEntry(entry, &folder);
@@ -303,8 +306,14 @@ bool MirrorWorker::mirrorDirectory(const QString &remotePath, const QString &loc
         if (walk == Walk::Failed)
             succeeded = false;
     }
-    if (config.deleteExtraneous && !cancelRequested)
-        removeExtraneous(localPath, folder.keepFiles, folder.keepDirs);
+    if (!config.deleteExtraneous || cancelRequested)
+        return succeeded;
+    // A session that is lost while it is asked for times fails no listing, but it prunes nothing either.
+    if (!client->isConnected()) {
+        result.message = client->lastError();
+        return false;
+    }
+    removeExtraneous(localPath, folder.keepFiles, folder.keepDirs);
     return succeeded;
 }
 

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
@@ -201,6 +202,17 @@ QSettings openSettingsStore()
     removeAbandonedLock(path);
     removeUnsafeLines(path);
     return QSettings(QSettings::IniFormat, QSettings::UserScope, kOrganisation, kApplication);
+}
+
+void ensureSettingsFile()
+{
+#ifdef Q_OS_UNIX // elsewhere the user's folder is closed to others as it is
+    const QString path = storePath();
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    static_cast<void>(file.open(QIODevice::WriteOnly | QIODevice::NewOnly,
+                                QFileDevice::ReadOwner | QFileDevice::WriteOwner));
+#endif
 }
 
 QByteArray withoutUnsafeLines(const QByteArray &file)

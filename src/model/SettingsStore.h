@@ -12,6 +12,12 @@ class QByteArray;
 QSettings openSettingsStore();
 
 /**
+ * Makes an empty settings file for its owner alone, if there is none: it will hold passwords, and one
+ * that QSettings makes can be read by everybody. A file that is there already keeps its permissions.
+ */
+void ensureSettingsFile();
+
+/**
  * The text of a settings file without the lines that hold a binary value of an unexpected type.
  *
  * QSettings believes such a value's type and length, so that a wrong byte in a stored date can make

@@ -528,6 +528,7 @@ void AppSettings::load()
 
 void AppSettings::save() const
 {
+    ensureSettingsFile();
     QSettings store = openSettingsStore();
     store.setValue("savePasswords", savePasswords);
     store.setValue("runOnStart", runOnStart);
