@@ -32,6 +32,8 @@ constexpr qint64 kLargeBytes = 65536;
 constexpr qint64 kLargeStride = 4999; // of the others one in so many, or, with all the time there is,
 constexpr qint64 kSealedStride = 997; // of those in a record of TLS, which comes whole or not at all
 constexpr int kTooMany = 5;           // problems
+// The signatures of a handshake vary in length, and the encrypted end of a stream is its last few bytes.
+constexpr qint64 kSignatureSlack = 8;
 constexpr int kRepetitions = 20;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -238,9 +240,7 @@ QString lossOf(const QString &path, const Attempt &attempt, const Outcome &outco
     const QByteArray folder = prunedWith(path);
     if (folder.isEmpty())
         return path + u" is gone"_s;
-    // The signatures of a TLS handshake differ by some bytes in length, so a run can end before its cut.
-    const bool wasListed = !outcome.isCut || attempt.listed.contains(folder);
-    if (!wasListed || !confirmedFolders(outcome.events).contains(folder))
+    if (!attempt.listed.contains(folder) || !confirmedFolders(outcome.events).contains(folder))
         return path + u" was pruned without a confirmed listing"_s;
     return {};
 }
@@ -412,7 +412,8 @@ std::vector<Attempt> dataCuts(const Session &session, Cut::Kind kind, Ending end
             Attempt attempt{session, {kind, static_cast<int>(i) + 1, place}, transfer.commandNumber, ending};
             attempt.mustFail = !session.tls || ending != Ending::Complete;
             attempt.listed = listedBefore(recording.transfers, recording.transfers.size());
-            if (!transfer.folder.isEmpty())
+            const bool mayBeWhole = session.tls && place >= size - kSignatureSlack;
+            if (!mayBeWhole)
                 attempt.listed -= transfer.folder;
             attempts.push_back(attempt);
         }
