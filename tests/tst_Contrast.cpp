@@ -42,6 +42,7 @@
 #include <QToolButton>
 
 #include <algorithm>
+#include <memory>
 #include <limits>
 
 using namespace Qt::StringLiterals;
@@ -356,7 +357,7 @@ QPalette black()
                       .link = Qt::cyan});
 }
 
-QPalette light() { return QStyleFactory::create(u"Fusion"_s)->standardPalette(); }
+QPalette light() { return std::unique_ptr<QStyle>(QStyleFactory::create(u"Fusion"_s))->standardPalette(); }
 
 QPalette beige()
 {
